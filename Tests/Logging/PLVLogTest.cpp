@@ -134,6 +134,7 @@ TEST(ConcurrentLog, LosesNoLineWhileSinksAreExchanged) {
   };
   qx::log::setSink(count);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int index = 0; index < kThreads; ++index) {
     threads.emplace_back([] {
       for (int line = 0; line < kLines; ++line)

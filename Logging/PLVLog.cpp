@@ -56,27 +56,6 @@ struct Conversion {
   char character = 0;
 };
 
-/// Walks a format and its arguments, side by side.
-class Formatter {
- public:
-  explicit Formatter(const Message& message) : format_(message.format), arguments_(message.arguments) {}
-
-  std::string run();
-
- private:
-  bool parseConversion(Conversion& conversion);
-  bool skipAnnotation();
-  int parseNumber(Conversion* starWidth);
-  const Argument& nextArgument();
-  void append(const Conversion& conversion, const Argument& argument);
-
-  std::string_view format_;
-  const std::vector<Argument>& arguments_;
-  std::size_t position_ = 0;
-  std::size_t used_ = 0;
-  std::string text_;
-};
-
 bool isOneOf(char character, std::string_view characters) {
   return characters.find(character) != std::string_view::npos;
 }
@@ -96,7 +75,9 @@ std::string meaningfulFlags(const std::string& flags, char character) {
 /// as none.
 template <typename Number>
 std::string print(const Conversion& conversion, std::string_view length, char character, Number number) {
-  std::string pattern = "%" + meaningfulFlags(conversion.flags, character) + "*.*";
+  std::string pattern(1, '%');
+  pattern += meaningfulFlags(conversion.flags, character);
+  pattern += "*.*";
   pattern += length;
   pattern += character;
   const int precision = conversion.precision.value_or(-1);
@@ -160,6 +141,72 @@ std::string encodedCodePoint(std::int64_t code) {
   return {static_cast<char>(0xF0 | (code >> 18)), byte(12, 0x80), byte(6, 0x80), byte(0, 0x80)};
 }
 
+std::optional<std::string> signedText(const Conversion& conversion, const Argument& argument) {
+  if (const auto* number = std::get_if<std::int64_t>(&argument)) {
+    return print(conversion, "ll", 'd', static_cast<long long>(*number));
+  }
+  if (const auto* number = std::get_if<std::uint64_t>(&argument)) {
+    return print(conversion, "ll", 'u', static_cast<unsigned long long>(*number));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> unsignedText(const Conversion& conversion, const Argument& argument) {
+  const auto number = unsignedNumber(conversion, argument);
+  if (!number) return std::nullopt;
+  return print(conversion, "ll", conversion.character, static_cast<unsigned long long>(*number));
+}
+
+std::optional<std::string> realText(const Conversion& conversion, const Argument& argument) {
+  const auto number = realNumber(argument);
+  if (!number) return std::nullopt;
+  return print(conversion, "", conversion.character, *number);
+}
+
+std::optional<std::string> characterText(const Conversion& conversion, const Argument& argument) {
+  const auto* code = std::get_if<std::int64_t>(&argument);
+  if (code == nullptr) return std::nullopt;
+  return padded(conversion, encodedCodePoint(*code));
+}
+
+std::optional<std::string> addressText(const Conversion& conversion, const Argument& argument) {
+  const auto address = unsignedNumber(conversion, argument);
+  if (!address) return std::nullopt;
+  std::string text("0x");
+  text += print(Conversion{}, "ll", 'x', static_cast<unsigned long long>(*address));
+  return padded(conversion, std::move(text));
+}
+
+/// The argument as the conversion wants it; nothing when it is of another kind, or text.
+std::optional<std::string> numberText(const Conversion& conversion, const Argument& argument) {
+  if (isOneOf(conversion.character, "di")) return signedText(conversion, argument);
+  if (isOneOf(conversion.character, "uoxX")) return unsignedText(conversion, argument);
+  if (isOneOf(conversion.character, "fFeEgGaA")) return realText(conversion, argument);
+  if (isOneOf(conversion.character, "cC")) return characterText(conversion, argument);
+  if (conversion.character == 'p') return addressText(conversion, argument);
+  return std::nullopt;
+}
+
+/// Walks a format and its arguments, side by side.
+class Formatter {
+ public:
+  explicit Formatter(const Message& message) : format_(message.format), arguments_(message.arguments) {}
+
+  std::string run();
+
+ private:
+  bool parseConversion(Conversion& conversion);
+  bool skipAnnotation();
+  int parseNumber(Conversion* starWidth);
+  const Argument& nextArgument();
+
+  std::string_view format_;
+  const std::vector<Argument>& arguments_;
+  std::size_t position_ = 0;
+  std::size_t used_ = 0;
+  std::string text_;
+};
+
 std::string Formatter::run() {
   while (position_ < format_.size()) {
     const std::size_t percent = format_.find('%', position_);
@@ -173,7 +220,9 @@ std::string Formatter::run() {
     }
     const std::size_t usedBefore = used_;
     if (Conversion conversion; parseConversion(conversion)) {
-      append(conversion, nextArgument());
+      const Argument& argument = nextArgument();
+      const auto number = numberText(conversion, argument);
+      text_ += number ? *number : padded(conversion, plainText(argument));
     } else {
       text_ += '%';
       position_ = percent + 1;
@@ -236,42 +285,6 @@ int Formatter::parseNumber(Conversion* starWidth) {
 const Argument& Formatter::nextArgument() {
   static const Argument missing;
   return used_ < arguments_.size() ? arguments_[used_++] : missing;
-}
-
-void Formatter::append(const Conversion& conversion, const Argument& argument) {
-  if (isOneOf(conversion.character, "di")) {
-    if (const auto* number = std::get_if<std::int64_t>(&argument)) {
-      text_ += print(conversion, "ll", 'd', static_cast<long long>(*number));
-      return;
-    }
-    if (const auto* number = std::get_if<std::uint64_t>(&argument)) {
-      text_ += print(conversion, "ll", 'u', static_cast<unsigned long long>(*number));
-      return;
-    }
-  } else if (isOneOf(conversion.character, "uoxX")) {
-    if (const auto number = unsignedNumber(conversion, argument)) {
-      text_ += print(conversion, "ll", conversion.character, static_cast<unsigned long long>(*number));
-      return;
-    }
-  } else if (isOneOf(conversion.character, "fFeEgGaA")) {
-    if (const auto number = realNumber(argument)) {
-      text_ += print(conversion, "", conversion.character, *number);
-      return;
-    }
-  } else if (isOneOf(conversion.character, "cC")) {
-    if (const auto* number = std::get_if<std::int64_t>(&argument)) {
-      text_ += padded(conversion, encodedCodePoint(*number));
-      return;
-    }
-  } else if (conversion.character == 'p') {
-    if (const auto number = unsignedNumber(conversion, argument)) {
-      text_ +=
-          padded(conversion,
-                 print(Conversion{}, "ll", 'x', static_cast<unsigned long long>(*number)).insert(0, "0x"));
-      return;
-    }
-  }
-  text_ += padded(conversion, plainText(argument));
 }
 
 }  // namespace

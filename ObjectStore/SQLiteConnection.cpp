@@ -1,0 +1,276 @@
+#include "ObjectStore/SQLiteConnection.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+namespace qx {
+
+namespace {
+
+// A store file is anyone's to write. What one row, or one statement over it, can cost is bounded here.
+constexpr int kMostBytesInAValue = 64 << 20;
+constexpr std::size_t kMostKeptStatements = 100;
+constexpr auto kBusyPatience = std::chrono::seconds(10);
+
+/// Waits while another process has the file. Writers queue before they come here, so that what is waited
+/// for is nearly always the end of one commit: start small.
+int waitWhileBusy(void* since, int attempt) {
+  using Clock = std::chrono::steady_clock;
+  auto* start = static_cast<Clock::time_point*>(since);
+  if (attempt == 0) *start = Clock::now();
+  if (Clock::now() - *start > kBusyPatience) return 0;
+  const auto pause = attempt < 10
+                         ? std::chrono::microseconds(100)
+                         : (attempt < 50 ? std::chrono::microseconds(1000) : std::chrono::microseconds(5000));
+  std::this_thread::sleep_for(pause);
+  return 1;
+}
+
+/// The path as an SQLite URI that promises that nothing changes the file.
+std::string immutableURI(const std::string& path) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string uri = "file:";
+  for (const char c : path) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '/' || c == '.' || c == '-' || c == '_';
+    if (plain) {
+      uri += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    uri += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+  }
+  return uri + "?immutable=1";
+}
+
+/// Well-formed UTF-8, whatever the bytes were: what is malformed becomes U+FFFD.
+std::string repairedUTF8(std::string_view bytes) {
+  std::string result;
+  while (!bytes.empty()) {
+    std::size_t length = 1;
+    while (length < 4 && length < bytes.size() && !isValidUTF8(bytes.substr(0, length)))
+      ++length;
+    if (isValidUTF8(bytes.substr(0, length))) {
+      result += bytes.substr(0, length);
+      bytes.remove_prefix(length);
+    } else {
+      result += "\xEF\xBF\xBD";
+      bytes.remove_prefix(1);
+    }
+  }
+  return result;
+}
+
+std::string_view columnBytes(sqlite3_stmt* statement, int column) {
+  const void* bytes = sqlite3_column_blob(statement, column);
+  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
+  return bytes != nullptr ? std::string_view(static_cast<const char*>(bytes), size) : std::string_view();
+}
+
+}  // namespace
+
+SQLiteStatement::SQLiteStatement(SQLiteStatement&& other) noexcept
+    : statement_(std::exchange(other.statement_, nullptr)), busy_(other.busy_) {}
+
+SQLiteStatement::~SQLiteStatement() {
+  if (statement_ == nullptr) return;
+  if (busy_ == nullptr) {
+    sqlite3_finalize(statement_);
+    return;
+  }
+  sqlite3_reset(statement_);
+  *busy_ = false;
+}
+
+void SQLiteStatement::bind(int parameter, std::int64_t value) {
+  sqlite3_bind_int64(statement_, parameter, value);
+}
+
+void SQLiteStatement::bind(int parameter, const Value& value) {
+  switch (value.kind()) {
+    case Value::Kind::boolean:
+    case Value::Kind::integer:
+      sqlite3_bind_int64(statement_, parameter, value.integerValue());
+      break;
+    case Value::Kind::unsignedInteger:
+    case Value::Kind::real:
+      sqlite3_bind_double(statement_, parameter, value.doubleValue());
+      break;
+    case Value::Kind::date:
+      sqlite3_bind_double(statement_, parameter, value.asDate()->secondsSinceReferenceDate);
+      break;
+    case Value::Kind::string:
+      sqlite3_bind_text64(statement_, parameter, value.asString()->data(), value.asString()->size(),
+                          SQLITE_STATIC, SQLITE_UTF8);
+      break;
+    case Value::Kind::data: {
+      const std::string_view bytes = value.asData()->bytes();
+      sqlite3_bind_blob64(statement_, parameter, bytes.empty() ? "" : bytes.data(), bytes.size(),
+                          SQLITE_STATIC);
+      break;
+    }
+    case Value::Kind::null:
+    case Value::Kind::array:
+    case Value::Kind::dictionary:
+      sqlite3_bind_null(statement_, parameter);
+      break;
+  }
+}
+
+int SQLiteStatement::step() {
+  return sqlite3_step(statement_);
+}
+
+std::int64_t SQLiteStatement::integer(int column) const {
+  return sqlite3_column_int64(statement_, column);
+}
+
+bool SQLiteStatement::isNull(int column) const {
+  return sqlite3_column_type(statement_, column) == SQLITE_NULL;
+}
+
+Value SQLiteStatement::value(int column, AttributeType type) const {
+  const int stored = sqlite3_column_type(statement_, column);
+  switch (type) {
+    case AttributeType::string: {
+      if (stored != SQLITE_TEXT) return {};
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+      const std::string_view bytes(text, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)));
+      return isValidUTF8(bytes) ? Value(bytes) : Value(repairedUTF8(bytes));
+    }
+    case AttributeType::integer: {
+      if (stored == SQLITE_INTEGER) return sqlite3_column_int64(statement_, column);
+      if (stored != SQLITE_FLOAT) return {};
+      const double real = sqlite3_column_double(statement_, column);
+      return std::trunc(real) == real ? Value(Value(real).integerValue()) : Value();
+    }
+    case AttributeType::boolean:
+      if (stored != SQLITE_INTEGER) return {};
+      return sqlite3_column_int64(statement_, column) != 0;
+    case AttributeType::date:
+      if (stored != SQLITE_FLOAT && stored != SQLITE_INTEGER) return {};
+      return Date{sqlite3_column_double(statement_, column)};
+    case AttributeType::binary:
+      if (stored != SQLITE_BLOB) return {};
+      return Data(std::string(columnBytes(statement_, column)));
+  }
+  return {};
+}
+
+std::unique_ptr<SQLiteConnection> SQLiteConnection::open(const std::string& path, Mode mode,
+                                                         std::string_view journalMode, ErrorPtr* error) {
+  int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+  switch (mode) {
+    case Mode::immutable:
+      flags |= SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+      break;
+    case Mode::shared:
+      flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW;
+      break;
+    case Mode::create:
+      flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE;
+      break;
+  }
+  sqlite3* handle = nullptr;
+  const std::string name = mode == Mode::immutable ? immutableURI(path) : path;
+  const int result = sqlite3_open_v2(name.c_str(), &handle, flags, nullptr);
+  std::unique_ptr<SQLiteConnection> connection(new SQLiteConnection(handle, path));
+  const bool good = result == SQLITE_OK && connection->harden() &&
+                    (mode == Mode::immutable || connection->setJournalMode(journalMode));
+  if (good) return connection;
+  setError(error, connection->lastError(StoreOperation::open));
+  return nullptr;
+}
+
+SQLiteConnection::~SQLiteConnection() {
+  for (auto& [sql, cached] : statements_)
+    sqlite3_finalize(cached.statement);
+  sqlite3_close_v2(handle_);
+}
+
+/// Takes away what a hostile file could use: triggers, views, functions in its schema, writable shadow
+/// tables, memory-mapped pages that a truncation turns into a crash, values without a bound.
+bool SQLiteConnection::harden() {
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+  sqlite3_limit(handle_, SQLITE_LIMIT_LENGTH, kMostBytesInAValue);
+  sqlite3_limit(handle_, SQLITE_LIMIT_ATTACHED, 0);
+  sqlite3_busy_handler(handle_, waitWhileBusy, &busySince_);
+  return execute("PRAGMA mmap_size = 0") && execute("PRAGMA cell_size_check = ON") &&
+         execute("PRAGMA synchronous = FULL") && execute("PRAGMA temp_store = MEMORY");
+}
+
+/// Leaves write-ahead logging, should the file use it, without ever mapping its shared-memory file, which
+/// anyone could cut short under us: an exclusive locking mode has no need of that file. With no mode given
+/// the file stays as it is, and exclusive.
+bool SQLiteConnection::setJournalMode(std::string_view journalMode) {
+  if (!execute("PRAGMA locking_mode = EXCLUSIVE")) return false;
+  if (journalMode.empty()) return true;
+  return execute("PRAGMA journal_mode = " + std::string(journalMode)) &&
+         execute("PRAGMA locking_mode = NORMAL") && execute("SELECT COUNT(*) FROM sqlite_master");
+}
+
+sqlite3_stmt* SQLiteConnection::compile(std::string_view sql) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v3(handle_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement,
+                     nullptr);
+  return statement;
+}
+
+SQLiteStatement SQLiteConnection::prepare(std::string_view sql) {
+  const auto found = statements_.find(sql);
+  if (found != statements_.end() && !found->second.busy) {
+    found->second.busy = true;
+    return {found->second.statement, &found->second.busy};
+  }
+  if (found != statements_.end()) return {compile(sql), nullptr};
+  if (statements_.size() >= kMostKeptStatements) dropIdleStatements();
+  sqlite3_stmt* statement = compile(sql);
+  if (statement == nullptr) return {nullptr, nullptr};
+  Cached& cached = statements_.emplace(std::string(sql), Cached{statement, true}).first->second;
+  return {statement, &cached.busy};
+}
+
+void SQLiteConnection::dropIdleStatements() {
+  for (auto at = statements_.begin(); at != statements_.end();) {
+    if (at->second.busy) {
+      ++at;
+      continue;
+    }
+    sqlite3_finalize(at->second.statement);
+    at = statements_.erase(at);
+  }
+}
+
+bool SQLiteConnection::execute(std::string_view sql) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(handle_, sql.data(), static_cast<int>(sql.size()), &statement, nullptr);
+  if (statement == nullptr) return false;
+  int result = SQLITE_ROW;
+  while (result == SQLITE_ROW)
+    result = sqlite3_step(statement);
+  sqlite3_finalize(statement);
+  return result == SQLITE_DONE;
+}
+
+bool SQLiteConnection::inTransaction() const {
+  return sqlite3_get_autocommit(handle_) == 0;
+}
+
+int SQLiteConnection::changes() const {
+  return sqlite3_changes(handle_);
+}
+
+ErrorPtr SQLiteConnection::lastError(StoreOperation operation) const {
+  if (handle_ == nullptr) return storeError(SQLITE_NOMEM, 0, operation, path_, "out of memory");
+  return storeError(handle_, operation, path_);
+}
+
+}  // namespace qx

@@ -1,0 +1,472 @@
+#include "ObjectStore/SQLiteStore.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+
+#include "ObjectStore/PredicateSQL.h"
+#include "ObjectStore/SQLiteSchema.h"
+#include "ObjectStore/StoreFile.h"
+#include "Platform/Host.h"
+#include "Platform/PropertyList.h"
+
+namespace qx {
+
+namespace {
+
+/// This process's open store files. Metadata of one of them is read through its own connection: opening
+/// the file a second time by other means and closing it would drop the locks that SQLite holds on it.
+class OpenStores {
+ public:
+  static OpenStores& shared() {
+    static auto* stores = new OpenStores;
+    return *stores;
+  }
+
+  void add(const FileIdentity& file, const std::shared_ptr<SQLiteStore>& store) {
+    const std::lock_guard lock(mutex_);
+    stores_[file] = store;
+  }
+
+  void dropDead() {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(stores_, [](const auto& entry) { return entry.second.expired(); });
+  }
+
+  std::shared_ptr<SQLiteStore> find(const FileIdentity& file) {
+    const std::lock_guard lock(mutex_);
+    const auto found = stores_.find(file);
+    return found != stores_.end() ? found->second.lock() : nullptr;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<FileIdentity, std::weak_ptr<SQLiteStore>> stores_;  // guarded by mutex_
+};
+
+bool option(const Dictionary& options, std::string_view key) {
+  const Value* value = options.find(key);
+  return value != nullptr && value->boolValue();
+}
+
+/// The journal mode that the options ask for; "DELETE" when they ask for none. Empty for one we do not
+/// know: it becomes part of a statement.
+String journalMode(const Dictionary& options) {
+  const Value* pragmas = options.find(kSQLitePragmasOption);
+  const Dictionary* values = pragmas != nullptr ? pragmas->asDictionary() : nullptr;
+  const Value* mode = values != nullptr ? values->find("journal_mode") : nullptr;
+  if (mode == nullptr) return "DELETE";
+  for (const char* known : {"DELETE", "TRUNCATE", "PERSIST", "WAL"})
+    if (*mode == Value(known)) return known;
+  return std::nullopt;
+}
+
+std::optional<StoreMetadata> readMetadata(std::string uuid, std::string_view bytes, const std::string& path,
+                                          ErrorPtr* error) {
+  constexpr PropertyListLimits kLimits{
+      .depth = 16, .bytes = 1U << 20, .expandedValues = 10000, .expandedBytes = 1U << 20};
+  auto values = readBinaryPropertyList(bytes, nullptr, kLimits);
+  if (values && values->asDictionary() != nullptr)
+    return StoreMetadata{std::move(uuid), std::move(*values->asDictionary())};
+  setError(error, storeError(kStoreCorrupt, path, "its metadata cannot be read"));
+  return std::nullopt;
+}
+
+constexpr std::string_view kMetadataSQL = "SELECT Z_UUID, Z_PLIST FROM Z_METADATA ORDER BY Z_VERSION LIMIT 1";
+constexpr std::chrono::milliseconds kQueuePatience{Host::kPatienceMilliseconds};
+
+}  // namespace
+
+/// The statements of one entity.
+struct SQLiteStore::EntitySQL {
+  std::string select;   // with every related row
+  std::string columns;  // of the entity's own table, with t0 before each
+  std::string insert;
+  std::string remove;
+  std::string reserve;
+  std::vector<FetchedRow::Part> parts;
+
+  EntitySQL(const EntityDescription& entity, const ManagedObjectModel& model) {
+    const std::string& table = entity.table();
+    std::string joins;
+    select = "SELECT t0.Z_PK, " + columnList(entity, "t0.");
+    int column = 1;
+    for (const PropertyDescription& property : entity.properties())
+      column += property.column.empty() ? 0 : 1;
+    for (std::size_t i = 0; i < entity.properties().size(); ++i) {
+      const PropertyDescription& property = entity.properties()[i];
+      if (property.kind != PropertyDescription::Kind::toOne) continue;
+      const EntityDescription& other = *model.entity(property.destination);
+      const std::string alias = relationshipAlias(i);
+      select += ", " + alias + ".Z_PK, " + columnList(other, alias + ".");
+      joins += join(other, alias, property);
+      parts.push_back({i, &other, column});
+      column += 1;
+      for (const PropertyDescription& p : other.properties())
+        column += p.column.empty() ? 0 : 1;
+    }
+    select += " FROM " + table + " AS t0" + joins;
+    insert = "INSERT INTO " + table + " (Z_PK, Z_ENT, Z_OPT, " + columnList(entity, "") + ") VALUES (?, " +
+             std::to_string(entity.number()) + ", 1";
+    for (const PropertyDescription& property : entity.properties())
+      if (!property.column.empty()) insert += ", ?";
+    insert += ")";
+    remove = "DELETE FROM " + table + " WHERE Z_PK = ?";
+    // The table has the last word: a counter that is behind it, however that came, must not stop every add.
+    reserve =
+        "UPDATE Z_PRIMARYKEY SET Z_MAX = MAX(IFNULL(CAST(Z_MAX AS INTEGER), 0), "
+        "IFNULL((SELECT MAX(Z_PK) FROM " +
+        table + "), 0)) + ? WHERE Z_ENT = ? RETURNING Z_MAX";
+  }
+
+  static std::string join(const EntityDescription& other, const std::string& alias,
+                          const PropertyDescription& property) {
+    return " LEFT JOIN " + other.table() + " AS " + alias + " ON " + alias + ".Z_PK = t0." + property.column;
+  }
+};
+
+// --- rows
+
+namespace {
+
+void readProperties(const SQLiteStatement& statement, const EntityDescription& entity, int column,
+                    std::vector<Value>& values) {
+  const auto& properties = entity.properties();
+  for (std::size_t i = 0; i < properties.size(); ++i) {
+    if (properties[i].column.empty()) continue;
+    const bool isAttribute = properties[i].kind == PropertyDescription::Kind::attribute;
+    values[i] = statement.value(column++, isAttribute ? properties[i].type : AttributeType::integer);
+  }
+}
+
+}  // namespace
+
+void FetchedRow::read(std::vector<Value>& values) const {
+  readProperties(statement_, entity_, 1, values);
+}
+
+const FetchedRow::Part* FetchedRow::part(std::size_t property) const {
+  for (const Part& part : parts_)
+    if (part.property == property) return &part;
+  return nullptr;
+}
+
+std::int64_t FetchedRow::relatedRowNumber(std::size_t property) const {
+  const Part* found = part(property);
+  return found != nullptr ? statement_.integer(found->firstColumn) : 0;
+}
+
+void FetchedRow::readRelated(std::size_t property, std::vector<Value>& values) const {
+  if (const Part* found = part(property))
+    readProperties(statement_, *found->entity, found->firstColumn + 1, values);
+}
+
+// --- opening
+
+SQLiteStore::SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection)
+    : model_(std::move(model)), path_(connection->path()), connection_(std::move(connection)) {
+  sql_.reserve(model_->entities().size());
+  for (const EntityDescription& entity : model_->entities())
+    sql_.emplace_back(entity, *model_);
+}
+
+SQLiteStore::~SQLiteStore() {
+  rollback();
+  if (file_) OpenStores::shared().dropDead();
+}
+
+std::shared_ptr<SQLiteStore> SQLiteStore::open(const ManagedObjectModelPtr& model, const std::string& path,
+                                               const Dictionary& options, ErrorPtr* error) {
+  const bool readOnly = option(options, kReadOnlyPersistentStoreOption);
+  const String mode = journalMode(options);
+  if (!mode) {
+    setError(error, storeError(kStoreUnusable, path, "the options name an unknown journal mode"));
+    return nullptr;
+  }
+  // A read-only store is a resource of the program's own: nobody else's to plant links in.
+  const auto before = readOnly ? std::optional(FileIdentity{}) : storeFileIdentity(path, error);
+  if (!before) return nullptr;
+  auto connection = SQLiteConnection::open(
+      path, readOnly ? SQLiteConnection::Mode::immutable : SQLiteConnection::Mode::shared, *mode, error);
+  if (!connection) return nullptr;
+  std::shared_ptr<SQLiteStore> store(new SQLiteStore(model, std::move(connection)));
+  store->readOnly_ = readOnly;
+  if (!store->validate(error)) return nullptr;
+  if (readOnly) return store;
+  // Only now is it known that the connection has the file that stands at the path.
+  const auto after = storeFileIdentity(path, error);
+  if (!after || *after != *before) {
+    if (after) setError(error, storeError(kStoreUnusable, path, "it was replaced while it was opened"));
+    return nullptr;
+  }
+  store->writersQueue_ = DirectoryLock::forDirectory(path.substr(0, path.rfind('/')), nullptr);
+  store->file_ = *after;
+  OpenStores::shared().add(*after, store);
+  return store;
+}
+
+bool SQLiteStore::validate(ErrorPtr* error) {
+  if (!checkSchema(*connection_, error)) return false;
+  const auto found = metadata(error);
+  if (!found) return false;
+  identifier_ = found->uuid;
+  if (model_->isCompatibleWith(*found)) return true;
+  setError(error, storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model"));
+  return false;
+}
+
+bool SQLiteStore::isCurrent() const {
+  const auto now = storeFileIdentity(path_, nullptr);
+  return file_ && now && *now == *file_;
+}
+
+std::string SQLiteStore::description() const {
+  return "<SQLiteStore \"" + path_ + "\" " + identifier_ + (readOnly_ ? " read-only>" : ">");
+}
+
+bool SQLiteStore::create(const ManagedObjectModelPtr& model, const std::string& path, SQLiteStore* rowsOf,
+                         ErrorPtr* error) {
+  NewStoreFile file(path);
+  auto connection =
+      SQLiteConnection::open(file.temporaryPath(), SQLiteConnection::Mode::create, "MEMORY", error);
+  if (!connection) return false;
+  {
+    SQLiteStore store(model, std::move(connection));
+    const std::lock_guard lock(store.mutex_);
+    SQLiteConnection& made = *store.connection_;
+    if (!made.execute("BEGIN IMMEDIATE")) return store.fail(StoreOperation::save, error);
+    if (!createSchema(made, *model, error)) return false;
+    if (rowsOf != nullptr && !store.copyRowsFrom(*rowsOf, error)) return false;
+    if (!made.execute("COMMIT")) return store.fail(StoreOperation::save, error);
+  }
+  return file.moveIntoPlace(error);
+}
+
+bool SQLiteStore::copyRowsFrom(SQLiteStore& source, ErrorPtr* error) {
+  for (const EntityDescription& entity : model_->entities()) {
+    ErrorPtr writeError;
+    bool written = true;
+    std::vector<Value> values(entity.properties().size());
+    const auto copy = [&](const FetchedRow& row) {
+      if (!written) return;
+      row.read(values);
+      written = insertRow(entity, row.rowNumber(), values, &writeError);
+    };
+    if (!source.fetch(entity, nullptr, copy, error)) return false;
+    if (!written) {
+      setError(error, writeError);
+      return false;
+    }
+    if (!reserveRowNumbers(entity, 0, error)) return false;
+  }
+  return true;
+}
+
+// --- metadata
+
+std::optional<StoreMetadata> SQLiteStore::metadata(ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement row = connection_->prepare(kMetadataSQL);
+  const int result = row ? row.step() : SQLITE_ERROR;
+  if (result == SQLITE_DONE) {
+    setError(error, storeError(kStoreCorrupt, path_, "it has no metadata"));
+    return std::nullopt;
+  }
+  if (result != SQLITE_ROW) {
+    fail(StoreOperation::read, error);
+    return std::nullopt;
+  }
+  const Value uuid = row.value(0, AttributeType::string);
+  const Value list = row.value(1, AttributeType::binary);
+  const std::string_view bytes = list.asData() != nullptr ? list.asData()->bytes() : std::string_view();
+  if (metadata_ && metadataBytes_ == bytes) return metadata_;
+  auto read = readMetadata(uuid.stringValue().value_or(""), bytes, path_, error);
+  if (read) {
+    metadata_ = read;
+    metadataBytes_ = bytes;
+  }
+  return read;
+}
+
+std::optional<StoreMetadata> SQLiteStore::metadataAt(const std::string& path, ErrorPtr* error) {
+  const auto file = storeFileIdentity(path, error);
+  if (!file) return std::nullopt;
+  if (const auto store = OpenStores::shared().find(*file)) return store->metadata(error);
+  auto connection = SQLiteConnection::open(path, SQLiteConnection::Mode::shared, "", error);
+  if (!connection) return std::nullopt;
+  SQLiteStore reader(std::make_shared<const ManagedObjectModel>(), std::move(connection));
+  return reader.metadata(error);
+}
+
+// --- reading
+
+const SQLiteStore::EntitySQL& SQLiteStore::sql(const EntityDescription& entity) const {
+  return sql_[static_cast<std::size_t>(entity.number()) - 1];
+}
+
+bool SQLiteStore::fail(StoreOperation operation, ErrorPtr* error) {
+  setError(error, connection_->lastError(operation));
+  return false;
+}
+
+bool SQLiteStore::fetch(const EntityDescription& entity, const Predicate* predicate,
+                        const RowHandler& handler, ErrorPtr* error) {
+  static const std::vector<Value> kNoBindings;
+  if (predicate == nullptr)
+    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", kNoBindings, handler, error);
+  const auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
+  if (!compiled) return false;
+  return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition + " ORDER BY t0.Z_PK",
+                  compiled->bindings, handler, error);
+}
+
+bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
+                           ErrorPtr* error) {
+  return runFetch(entity, sql(entity).select + " WHERE t0.Z_PK = ?", {Value(row)}, handler, error);
+}
+
+bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql,
+                           const std::vector<Value>& bindings, const RowHandler& handler, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(sql);
+  if (!statement) return fail(StoreOperation::read, error);
+  for (std::size_t i = 0; i < bindings.size(); ++i)
+    statement.bind(static_cast<int>(i) + 1, bindings[i]);
+  const FetchedRow row(statement, entity, this->sql(entity).parts);
+  int result = statement.step();
+  for (; result == SQLITE_ROW; result = statement.step())
+    if (row.rowNumber() > 0) handler(row);  // rows that we never write stand for no object
+  return result == SQLITE_DONE || fail(StoreOperation::read, error);
+}
+
+std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity, const Predicate* predicate,
+                                                ErrorPtr* error) {
+  std::string text = "SELECT COUNT(*) FROM " + entity.table() + " AS t0";
+  std::optional<PredicateSQL> compiled;
+  if (predicate != nullptr) {
+    compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
+    if (!compiled) return std::nullopt;
+    for (const std::size_t property : compiled->relationships) {
+      const PropertyDescription& relationship = entity.properties()[property];
+      text += EntitySQL::join(*model_->entity(relationship.destination), relationshipAlias(property),
+                              relationship);
+    }
+    text += " WHERE " + compiled->condition;
+  }
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(text);
+  if (!statement) {
+    fail(StoreOperation::read, error);
+    return std::nullopt;
+  }
+  if (compiled)
+    for (std::size_t i = 0; i < compiled->bindings.size(); ++i)
+      statement.bind(static_cast<int>(i) + 1, compiled->bindings[i]);
+  if (statement.step() == SQLITE_ROW) return static_cast<std::uint64_t>(statement.integer(0));
+  fail(StoreOperation::read, error);
+  return std::nullopt;
+}
+
+// --- writing
+
+bool SQLiteStore::isWriting() {
+  const std::lock_guard lock(mutex_);
+  return connection_->inTransaction();
+}
+
+bool SQLiteStore::beginWriting(ErrorPtr* error) {
+  if (isWriting()) return true;
+  if (readOnly_) {
+    setError(error, storeError(SQLITE_READONLY, 0, StoreOperation::save, path_, "it was opened read-only"));
+    return false;
+  }
+  // The queue comes before the mutex: who waits there must not keep others from reading.
+  if (writersQueue_) writersQueue_->lock(kQueuePatience);
+  const std::lock_guard lock(mutex_);
+  queued_ = writersQueue_ != nullptr;
+  SQLiteStatement begin = connection_->prepare("BEGIN IMMEDIATE");
+  if (begin && begin.step() == SQLITE_DONE) return true;
+  fail(StoreOperation::save, error);
+  if (std::exchange(queued_, false)) writersQueue_->unlock();
+  return false;
+}
+
+bool SQLiteStore::commit(ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  {
+    SQLiteStatement commit = connection_->prepare("COMMIT");
+    if (!commit || commit.step() != SQLITE_DONE) return fail(StoreOperation::save, error);
+  }
+  if (std::exchange(queued_, false)) writersQueue_->unlock();
+  return true;
+}
+
+void SQLiteStore::rollback() {
+  const std::lock_guard lock(mutex_);
+  if (connection_->inTransaction()) connection_->execute("ROLLBACK");
+  if (std::exchange(queued_, false)) writersQueue_->unlock();
+}
+
+std::optional<std::int64_t> SQLiteStore::reserveRowNumbers(const EntityDescription& entity,
+                                                           std::int64_t count, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(sql(entity).reserve);
+  if (statement) {
+    statement.bind(1, count);
+    statement.bind(2, std::int64_t{entity.number()});
+    const int result = statement.step();
+    if (result == SQLITE_ROW) return statement.integer(0);
+    if (result == SQLITE_DONE) {
+      setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers for " + entity.name()));
+      return std::nullopt;
+    }
+  }
+  fail(StoreOperation::save, error);
+  return std::nullopt;
+}
+
+bool SQLiteStore::insertRow(const EntityDescription& entity, std::int64_t row,
+                            const std::vector<Value>& values, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(sql(entity).insert);
+  if (!statement) return fail(StoreOperation::save, error);
+  statement.bind(1, row);
+  int parameter = 2;
+  for (std::size_t i = 0; i < values.size(); ++i)
+    if (!entity.properties()[i].column.empty()) statement.bind(parameter++, values[i]);
+  return statement.step() == SQLITE_DONE || fail(StoreOperation::save, error);
+}
+
+bool SQLiteStore::updateRow(const EntityDescription& entity, std::int64_t row, std::uint64_t changed,
+                            const std::vector<Value>& values, ErrorPtr* error) {
+  std::string text = "UPDATE " + entity.table() + " SET Z_OPT = Z_OPT + 1";
+  const auto isWritten = [&](std::size_t i) {
+    return ((changed >> i) & 1U) != 0 && !entity.properties()[i].column.empty();
+  };
+  for (std::size_t i = 0; i < values.size(); ++i)
+    if (isWritten(i)) text += ", " + entity.properties()[i].column + " = ?";
+  text += " WHERE Z_PK = ?";
+  const std::lock_guard lock(mutex_);
+  {
+    SQLiteStatement statement = connection_->prepare(text);
+    if (!statement) return fail(StoreOperation::save, error);
+    int parameter = 1;
+    for (std::size_t i = 0; i < values.size(); ++i)
+      if (isWritten(i)) statement.bind(parameter++, values[i]);
+    statement.bind(parameter, row);
+    if (statement.step() != SQLITE_DONE) return fail(StoreOperation::save, error);
+  }
+  return connection_->changes() != 0 || insertRow(entity, row, values, error);
+}
+
+bool SQLiteStore::deleteRow(const EntityDescription& entity, std::int64_t row, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(sql(entity).remove);
+  if (!statement) return fail(StoreOperation::save, error);
+  statement.bind(1, row);
+  return statement.step() == SQLITE_DONE || fail(StoreOperation::save, error);
+}
+
+}  // namespace qx

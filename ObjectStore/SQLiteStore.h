@@ -1,0 +1,130 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <QXEventStoring/Platform/Predicate.h>
+
+#include "ObjectStore/PersistentStoreCoordinator.h"
+#include "ObjectStore/SQLiteConnection.h"
+#include "ObjectStore/StoreFile.h"
+#include "Platform/DirectoryLock.h"
+
+namespace qx {
+
+/// One row of a fetch, and of the tables that its to-one relationships lead to.
+class FetchedRow {
+ public:
+  std::int64_t rowNumber() const { return statement_.integer(0); }
+  /// Fills `values` (one per property of the fetched entity).
+  void read(std::vector<Value>& values) const;
+  /// The row behind the relationship `property`; 0 when there is none.
+  std::int64_t relatedRowNumber(std::size_t property) const;
+  void readRelated(std::size_t property, std::vector<Value>& values) const;
+
+ private:
+  friend class SQLiteStore;
+  struct Part {
+    std::size_t property;  // of the fetched entity
+    const EntityDescription* entity;
+    int firstColumn;
+  };
+  FetchedRow(const SQLiteStatement& statement, const EntityDescription& entity,
+             const std::vector<Part>& parts)
+      : statement_(statement), entity_(entity), parts_(parts) {}
+  const Part* part(std::size_t property) const;
+
+  const SQLiteStatement& statement_;
+  const EntityDescription& entity_;
+  const std::vector<Part>& parts_;
+};
+
+/// The rows of one store file. Layout: one table per entity, "Z" and its name in upper case, with Z_PK,
+/// Z_ENT, Z_OPT and a column per attribute and to-one relationship; Z_PRIMARYKEY with the last row number
+/// of each entity; Z_METADATA. See docs/file-format.md.
+///
+/// Threads: any; each call is atomic. A transaction belongs to the whole store: who begins it holds the
+/// context's lock until it ends.
+class SQLiteStore : public PersistentStore {
+ public:
+  /// Opens an existing file. Null on failure (see PersistentStoreCoordinator).
+  static std::shared_ptr<SQLiteStore> open(const ManagedObjectModelPtr& model, const std::string& path,
+                                           const Dictionary& options, ErrorPtr* error);
+  /// Makes a new file at `path` with the rows of `rowsOf` (none when null), whole or not at all. 516 when
+  /// there is a file; a symbolic link is replaced.
+  static bool create(const ManagedObjectModelPtr& model, const std::string& path, SQLiteStore* rowsOf,
+                     ErrorPtr* error);
+  static std::optional<StoreMetadata> metadataAt(const std::string& path, ErrorPtr* error);
+
+  ~SQLiteStore() override;
+
+  const std::string& path() const override { return path_; }
+  const std::string& identifier() const override { return identifier_; }
+  bool isReadOnly() const override { return readOnly_; }
+  void setReadOnly(bool readOnly) override { readOnly_ = readOnly; }
+  std::string description() const override;
+  /// Whether the file that is open is the one that stands at the path.
+  bool isCurrent() const;
+
+  // Reading.
+  using RowHandler = std::function<void(const FetchedRow&)>;
+  /// Calls `handler` for each row that `predicate` selects, in row order, with its related rows. The
+  /// handler must not call the store.
+  bool fetch(const EntityDescription& entity, const Predicate* predicate, const RowHandler& handler,
+             ErrorPtr* error);
+  /// The same for one row number; true, with no call, when there is no such row.
+  bool fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
+                ErrorPtr* error);
+  std::optional<std::uint64_t> count(const EntityDescription& entity, const Predicate* predicate,
+                                     ErrorPtr* error);
+  std::optional<StoreMetadata> metadata(ErrorPtr* error);
+
+  // Writing. All between beginWriting() and commit() or rollback().
+  /// Takes this process's place in the queue of writers, then SQLite's write lock.
+  bool beginWriting(ErrorPtr* error);
+  bool isWriting();
+  bool commit(ErrorPtr* error);
+  void rollback();
+  /// Hands out `count` row numbers; the last one.
+  std::optional<std::int64_t> reserveRowNumbers(const EntityDescription& entity, std::int64_t count,
+                                                ErrorPtr* error);
+  bool insertRow(const EntityDescription& entity, std::int64_t row, const std::vector<Value>& values,
+                 ErrorPtr* error);
+  /// Writes the properties whose bit is set in `changed`; all of them, as a new row, when the row is gone.
+  bool updateRow(const EntityDescription& entity, std::int64_t row, std::uint64_t changed,
+                 const std::vector<Value>& values, ErrorPtr* error);
+  bool deleteRow(const EntityDescription& entity, std::int64_t row, ErrorPtr* error);
+
+ private:
+  struct EntitySQL;
+
+  SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection);
+  bool validate(ErrorPtr* error);
+  bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
+                const RowHandler& handler, ErrorPtr* error);
+  bool fail(StoreOperation operation, ErrorPtr* error);
+  bool copyRowsFrom(SQLiteStore& source, ErrorPtr* error);
+  const EntitySQL& sql(const EntityDescription& entity) const;
+
+  const ManagedObjectModelPtr model_;
+  const std::string path_;
+  std::vector<EntitySQL> sql_;  // by entity number
+  std::string identifier_;
+  bool readOnly_ = false;
+  std::optional<FileIdentity> file_;  // the open file; none for a read-only store
+
+  std::recursive_mutex mutex_;
+  // Guarded by mutex_.
+  std::unique_ptr<SQLiteConnection> connection_;
+  std::shared_ptr<DirectoryLock> writersQueue_;  // null when the directory cannot be locked
+  bool queued_ = false;
+  std::string metadataBytes_;  // of metadata_
+  std::optional<StoreMetadata> metadata_;
+};
+
+}  // namespace qx

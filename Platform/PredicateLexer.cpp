@@ -1,0 +1,360 @@
+// Tokens of the predicate-format language. Quoted text is opaque: nothing in it is a keyword, an argument
+// or a variable. Numbers are read with std::from_chars, since a process may run in a decimal-comma locale.
+
+#include "Platform/PredicateLexer.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <utility>
+
+namespace qx::detail {
+
+namespace {
+
+using Kind = PredicateToken::Kind;
+using Argument = PredicateToken::Argument;
+
+constexpr std::array<std::string_view, 33> kReservedWords = {"AND",
+                                                             "OR",
+                                                             "IN",
+                                                             "NOT",
+                                                             "ALL",
+                                                             "ANY",
+                                                             "SOME",
+                                                             "NONE",
+                                                             "LIKE",
+                                                             "MATCHES",
+                                                             "CONTAINS",
+                                                             "BETWEEN",
+                                                             "NULL",
+                                                             "NIL",
+                                                             "SELF",
+                                                             "TRUE",
+                                                             "YES",
+                                                             "FALSE",
+                                                             "NO",
+                                                             "FIRST",
+                                                             "LAST",
+                                                             "SIZE",
+                                                             "CAST",
+                                                             "CI",
+                                                             "ANYKEY",
+                                                             "SUBQUERY",
+                                                             "ENDSWITH",
+                                                             "BEGINSWITH",
+                                                             "UTI-EQUALS",
+                                                             "UTI-CONFORMS-TO",
+                                                             "TRUEPREDICATE",
+                                                             "FALSEPREDICATE",
+                                                             "CASEINSENSITIVE"};
+
+// Longer before shorter, so that the first that fits is the longest.
+constexpr std::array<std::string_view, 27> kSymbols = {"==", "!=", "<>", "<=", "=<", ">=", "=>", "&&", "||",
+                                                       "**", "=",  "<",  ">",  "!",  "(",  ")",  "{",  "}",
+                                                       "[",  "]",  ",",  ".",  "+",  "-",  "*",  "/",  ""};
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool isIdentifierStart(char c) {
+  const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  return letter || c == '_' || static_cast<unsigned char>(c) >= 0x80;
+}
+
+bool isIdentifierPart(char c) {
+  return isIdentifierStart(c) || isDigit(c);
+}
+
+bool isSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+char upper(char c) {
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view upperCasePrefix) {
+  if (text.size() < upperCasePrefix.size()) return false;
+  return std::equal(upperCasePrefix.begin(), upperCasePrefix.end(), text.begin(),
+                    [](char expected, char actual) { return expected == upper(actual); });
+}
+
+int digitValue(char c) {
+  if (isDigit(c)) return c - '0';
+  const char letter = upper(c);
+  if (letter >= 'A' && letter <= 'F') return letter - 'A' + 10;
+  return std::numeric_limits<int>::max();
+}
+
+void appendUTF8(std::string& out, std::uint32_t codePoint) {
+  const auto append = [&out](std::uint32_t byte) { out += static_cast<char>(byte); };
+  if (codePoint < 0x80) return append(codePoint);
+  if (codePoint < 0x800) {
+    append(0xC0 | (codePoint >> 6));
+  } else if (codePoint < 0x10000) {
+    append(0xE0 | (codePoint >> 12));
+    append(0x80 | ((codePoint >> 6) & 0x3F));
+  } else {
+    append(0xF0 | (codePoint >> 18));
+    append(0x80 | ((codePoint >> 12) & 0x3F));
+    append(0x80 | ((codePoint >> 6) & 0x3F));
+  }
+  append(0x80 | (codePoint & 0x3F));
+}
+
+/// A decimal literal as a double: infinite past the largest, 0 below the smallest. Empty when it is past
+/// even the long double's range.
+std::optional<double> realLiteral(std::string_view digits) {
+  const char* const last = digits.data() + digits.size();
+  double value = 0;
+  if (std::from_chars(digits.data(), last, value).ec == std::errc()) return value;
+  long double wide = 0;
+  if (std::from_chars(digits.data(), last, wide).ec != std::errc()) return std::nullopt;
+  return wide > 1 ? std::numeric_limits<double>::infinity() : 0.0;
+}
+
+std::optional<Argument> conversion(char c, bool hasLength) {
+  constexpr std::string_view kIntegers = "dDiuUxXoO";
+  constexpr std::string_view kReals = "fFeEgG";
+  if (kIntegers.find(c) != std::string_view::npos) return Argument::integer;
+  if (kReals.find(c) != std::string_view::npos) return Argument::real;
+  if (hasLength) return std::nullopt;
+  if (c == 'K') return Argument::key;
+  if (c == '@') return Argument::object;
+  if (c == 's') return Argument::string;
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::string_view reservedPredicateWord(std::string_view word) {
+  const auto* const found =
+      std::find_if(kReservedWords.begin(), kReservedWords.end(), [&](std::string_view each) {
+        return each.size() == word.size() && startsWithIgnoringCase(word, each);
+      });
+  return found == kReservedWords.end() ? std::string_view() : *found;
+}
+
+char PredicateLexer::peek(std::size_t ahead) const {
+  return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0';
+}
+
+PredicateToken PredicateLexer::token(Kind kind, std::string_view text) const {
+  PredicateToken token;
+  token.kind = kind;
+  token.position = start_;
+  token.text = text;
+  return token;
+}
+
+PredicateToken PredicateLexer::invalid(std::size_t position, std::string problem) {
+  position_ = text_.size();
+  PredicateToken token;
+  token.kind = Kind::invalid;
+  token.position = position;
+  token.problem = std::move(problem);
+  return token;
+}
+
+PredicateToken PredicateLexer::next() {
+  while (!atEnd() && isSpace(peek()))
+    ++position_;
+  start_ = position_;
+  if (atEnd()) return token(Kind::end);
+  const char c = peek();
+  if (isIdentifierStart(c)) return word();
+  if (isDigit(c) || (c == '.' && isDigit(peek(1)))) return number();
+  switch (c) {
+    case '"':
+    case '\'':
+      return string();
+    case '%':
+      return argument();
+    case '#':
+      return prefixedWord(Kind::identifier, false);
+    case '@':
+      return prefixedWord(Kind::pathOperator, true);
+    case '$':
+      return prefixedWord(Kind::variable, true);
+    default:
+      return symbol();
+  }
+}
+
+std::string_view PredicateLexer::scanIdentifier() {
+  const std::size_t first = position_;
+  while (!atEnd() && isIdentifierPart(peek()))
+    ++position_;
+  return text_.substr(first, position_ - first);
+}
+
+PredicateToken PredicateLexer::word() {
+  const std::string_view name = scanIdentifier();
+  if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
+  for (const std::string_view hyphenated : {"UTI-EQUALS", "UTI-CONFORMS-TO"}) {
+    if (!startsWithIgnoringCase(text_.substr(start_), hyphenated)) continue;
+    position_ = start_ + hyphenated.size();
+    return token(Kind::keyword, hyphenated);
+  }
+  const std::string_view reserved = reservedPredicateWord(name);
+  return reserved.empty() ? token(Kind::identifier, name) : token(Kind::keyword, reserved);
+}
+
+PredicateToken PredicateLexer::prefixedWord(Kind kind, bool keepPrefix) {
+  const char prefix = peek();
+  ++position_;
+  if (!isIdentifierStart(peek())) return invalid(start_, std::string("\"") + prefix + "\" without a name");
+  const std::string_view name = scanIdentifier();
+  if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
+  return token(kind, keepPrefix ? text_.substr(start_, position_ - start_) : name);
+}
+
+PredicateToken PredicateLexer::number() {
+  if (peek() == '0') {
+    const char base = upper(peek(1));
+    const int radix = base == 'X' ? 16 : base == 'O' ? 8 : base == 'B' ? 2 : 0;
+    if (radix != 0) return radixNumber(radix);
+  }
+  const auto skipDigits = [this] {
+    while (isDigit(peek()))
+      ++position_;
+  };
+  bool integral = true;
+  skipDigits();
+  if (peek() == '.') {
+    integral = false;
+    ++position_;
+    skipDigits();
+  }
+  const std::size_t sign = peek(1) == '+' || peek(1) == '-' ? 1 : 0;
+  if (upper(peek()) == 'E' && isDigit(peek(1 + sign))) {
+    integral = false;
+    position_ += 1 + sign;
+    skipDigits();
+  }
+  if (isIdentifierPart(peek())) return invalid(start_, "a number runs into a word");
+
+  const std::string_view digits = text_.substr(start_, position_ - start_);
+  PredicateToken result = token(Kind::number, digits);
+  std::uint64_t whole = 0;
+  if (integral && std::from_chars(digits.data(), digits.data() + digits.size(), whole).ec == std::errc()) {
+    result.value = Value(whole);
+    return result;
+  }
+  const std::optional<double> real = realLiteral(digits);
+  if (!real) return invalid(start_, "a number out of range");
+  result.value = Value(*real);
+  return result;
+}
+
+PredicateToken PredicateLexer::radixNumber(int radix) {
+  position_ += 2;
+  const std::size_t first = position_;
+  double real = 0;
+  for (; !atEnd() && digitValue(peek()) < radix; ++position_)
+    real = real * radix + digitValue(peek());
+  if (position_ == first) return invalid(start_, "a number without digits");
+  if (isIdentifierPart(peek())) return invalid(start_, "a number runs into a word");
+
+  PredicateToken result = token(Kind::number, text_.substr(start_, position_ - start_));
+  std::uint64_t whole = 0;
+  const bool fits =
+      std::from_chars(text_.data() + first, text_.data() + position_, whole, radix).ec == std::errc();
+  result.value = fits ? Value(whole) : Value(real);
+  return result;
+}
+
+long PredicateLexer::scanDigits(std::size_t digits, int radix) {
+  long value = 0;
+  for (std::size_t i = 0; i < digits; ++i) {
+    const int digit = digitValue(peek(i));
+    if (digit >= radix) return -1;
+    value = value * radix + digit;
+  }
+  position_ += digits;
+  return value;
+}
+
+bool PredicateLexer::unescape(std::string& out) {
+  const long octal = scanDigits(3, 8);
+  if (octal >= 0) {
+    appendUTF8(out, static_cast<std::uint32_t>(octal));
+    return true;
+  }
+  const char c = peek();
+  ++position_;
+  long codePoint = -1;
+  if (c == 'n') codePoint = '\n';
+  if (c == 't') codePoint = '\t';
+  if (c == 'r') codePoint = '\r';
+  if (c == 'x') codePoint = scanDigits(2, 16);
+  if (c == 'u') codePoint = scanDigits(4, 16);
+  if (codePoint < 0) {
+    out += c;
+    return true;
+  }
+  if (codePoint >= 0xD800 && codePoint < 0xDC00 && peek() == '\\' && peek(1) == 'u') {
+    position_ += 2;
+    const long low = scanDigits(4, 16);
+    if (low < 0xDC00 || low > 0xDFFF) return false;
+    codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
+  }
+  if (codePoint >= 0xD800 && codePoint <= 0xDFFF) return false;
+  appendUTF8(out, static_cast<std::uint32_t>(codePoint));
+  return true;
+}
+
+PredicateToken PredicateLexer::string() {
+  const char quote = peek();
+  ++position_;
+  std::string content;
+  while (!atEnd() && peek() != quote) {
+    const std::size_t at = position_;
+    const char c = peek();
+    ++position_;
+    if (c != '\\') {
+      content += c;
+      continue;
+    }
+    if (atEnd()) break;
+    if (!unescape(content)) return invalid(at, "half of a surrogate pair");
+  }
+  if (atEnd()) return invalid(start_, "a string without its closing quote");
+  ++position_;
+  PredicateToken result = token(Kind::string, text_.substr(start_, position_ - start_));
+  result.value = Value(std::move(content));
+  return result;
+}
+
+PredicateToken PredicateLexer::argument() {
+  constexpr std::string_view kLengths = "hlqLzjt";
+  constexpr std::size_t kLongestLength = 2;
+  ++position_;
+  std::size_t length = 0;
+  while (length < kLongestLength && peek() != '\0' && kLengths.find(peek()) != std::string_view::npos) {
+    ++position_;
+    ++length;
+  }
+  const std::optional<Argument> what = conversion(peek(), length > 0);
+  if (!what) return invalid(start_, "\"%\" without one of the known conversions");
+  ++position_;
+  PredicateToken result = token(Kind::argument, text_.substr(start_, position_ - start_));
+  result.argument = *what;
+  return result;
+}
+
+PredicateToken PredicateLexer::symbol() {
+  const std::string_view rest = text_.substr(position_);
+  const auto* const found = std::find_if(kSymbols.begin(), kSymbols.end(),
+                                         [&](std::string_view each) { return rest.starts_with(each); });
+  if (found->empty()) return invalid(start_, "a character that has no meaning here");
+  position_ += found->size();
+  return token(Kind::symbol, *found);
+}
+
+}  // namespace qx::detail

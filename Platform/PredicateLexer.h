@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include <QXEventStoring/Platform/Value.h>
+
+namespace qx::detail {
+
+/// One word of a predicate text.
+struct PredicateToken {
+  enum class Kind {
+    end,
+    invalid,       // problem says why
+    identifier,    // text is the name, without a leading #
+    keyword,       // text is the reserved word in upper case
+    pathOperator,  // text is @name
+    variable,      // text is $name
+    number,        // value; never negative
+    string,        // value, escapes resolved
+    argument,      // argument says what the caller has to supply
+    symbol,        // text is the operator or bracket
+  };
+  enum class Argument { key, object, integer, real, string };
+
+  Kind kind = Kind::end;
+  std::size_t position = 0;  // bytes from the start of the text
+  std::string_view text;     // into the lexed text, or into a static table
+  Value value;
+  Argument argument = Argument::object;
+  std::string problem;
+
+  bool isKeyword(std::string_view word) const { return kind == Kind::keyword && text == word; }
+  bool isSymbol(std::string_view symbol) const { return kind == Kind::symbol && text == symbol; }
+};
+
+/// Cuts a predicate text into tokens, one at a time. The text must outlive the lexer and its tokens.
+class PredicateLexer {
+ public:
+  explicit PredicateLexer(std::string_view text) : text_(text) {}
+
+  /// The next token; `end` or `invalid` for ever once it is reached.
+  PredicateToken next();
+
+ private:
+  char peek(std::size_t ahead = 0) const;
+  bool atEnd() const { return position_ >= text_.size(); }
+
+  PredicateToken word();
+  PredicateToken prefixedWord(PredicateToken::Kind kind, bool keepPrefix);
+  PredicateToken number();
+  PredicateToken radixNumber(int radix);
+  PredicateToken string();
+  PredicateToken argument();
+  PredicateToken symbol();
+
+  std::string_view scanIdentifier();
+  /// Reads what follows a backslash; false when it names half of a surrogate pair.
+  bool unescape(std::string& out);
+  /// The value of exactly `digits` digits of `radix` at the current position, which are then skipped;
+  /// -1, and nothing skipped, when they are not there.
+  long scanDigits(std::size_t digits, int radix);
+
+  PredicateToken token(PredicateToken::Kind kind, std::string_view text = {}) const;
+  PredicateToken invalid(std::size_t position, std::string problem);
+
+  std::string_view text_;
+  std::size_t position_ = 0;
+  std::size_t start_ = 0;  // of the present token
+};
+
+/// The reserved word that `word` is, in upper case whatever the case of `word`; empty when it is none.
+std::string_view reservedPredicateWord(std::string_view word);
+
+}  // namespace qx::detail

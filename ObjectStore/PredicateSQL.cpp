@@ -231,28 +231,36 @@ class Compiler {
   }
 
   void writeIn(const Expression& left, const Expression& right, bool negated) {
-    const Array* values = right.kind() == Expression::Kind::constant ? right.value().asArray() : nullptr;
-    if (left.kind() != Expression::Kind::keyPath || values == nullptr)
+    const auto values = listOf(right);
+    if (left.kind() != Expression::Kind::keyPath || !values)
       return fail("IN needs a key on its left and a list on its right");
     const Column key = column(left);
-    std::size_t count = 0;
+    std::string parameters;
     bool hasNull = false;
     for (const Value& value : *values) {
       hasNull = hasNull || value.isNull();
       if (familyOf(value) != key.family) continue;
       result_.bindings.push_back(value);
-      ++count;
+      parameters += parameters.empty() ? "?" : ", ?";
     }
-    std::string list = "0";
-    if (count != 0) {
-      list = key.name + " IN (?";
-      for (std::size_t i = 1; i < count; ++i)
-        list += ", ?";
-      list += ")";
-      if (negated) list = "IFNULL(" + list + ", 0)";
-    }
-    sql() += list;
+    const std::string list = key.name + " IN (" + parameters + ")";
+    if (parameters.empty())
+      sql() += "0";
+    else
+      sql() += negated ? "IFNULL(" + list + ", 0)" : list;
     if (hasNull) sql() += " OR " + key.name + " IS NULL";
+  }
+
+  /// The members of a constant list, or the values of a constant dictionary.
+  static std::optional<Array> listOf(const Expression& expression) {
+    if (expression.kind() != Expression::Kind::constant) return std::nullopt;
+    if (const Array* array = expression.value().asArray()) return *array;
+    const Dictionary* dictionary = expression.value().asDictionary();
+    if (dictionary == nullptr) return std::nullopt;
+    Array values;
+    for (const auto& [key, value] : *dictionary)
+      values.push_back(value);
+    return values;
   }
 
   Column column(const Expression& expression) {

@@ -212,8 +212,22 @@ bool SQLiteStore::validate(ErrorPtr* error) {
   const auto found = metadata(error);
   if (!found) return false;
   identifier_ = found->uuid;
-  if (model_->isCompatibleWith(*found)) return true;
+  if (model_->isCompatibleWith(*found)) return probeTables(error);
   setError(error, storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model"));
+  return false;
+}
+
+/// Looks at the first row of each table: finds missing columns and a torn head before a user does.
+bool SQLiteStore::probeTables(ErrorPtr* error) {
+  for (const EntityDescription& entity : model_->entities()) {
+    SQLiteStatement first = connection_->prepare(sql(entity).select + " LIMIT 1");
+    const int result = first ? first.step() : SQLITE_ERROR;
+    if (result != SQLITE_ROW && result != SQLITE_DONE) return fail(StoreOperation::read, error);
+  }
+  SQLiteStatement counters = connection_->prepare("SELECT COUNT(*) FROM Z_PRIMARYKEY");
+  if (!counters || counters.step() != SQLITE_ROW) return fail(StoreOperation::read, error);
+  if (counters.integer(0) == static_cast<std::int64_t>(model_->entities().size())) return true;
+  setError(error, storeError(kStoreCorrupt, path_, "its row numbers are not those of the model"));
   return false;
 }
 

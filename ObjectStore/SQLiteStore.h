@@ -105,6 +105,7 @@ class SQLiteStore : public PersistentStore {
 
   SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection);
   bool validate(ErrorPtr* error);
+  bool probeTables(ErrorPtr* error);
   bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
                 const RowHandler& handler, ErrorPtr* error);
   bool fail(StoreOperation operation, ErrorPtr* error);

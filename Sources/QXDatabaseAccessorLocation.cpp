@@ -48,7 +48,7 @@ std::string QXDatabaseAccessor::createDirectory() {
   ensureOpenDirectory(kStoreDirectory, kOpenToAll);
 
   auto& host = qx::Host::current();
-  const std::string path = storePath();
+  std::string path = storePath();
   if (host.fileExists(path)) host.setAttributes(path, {.permissions = kOpenToAll, .immutable = false});
   return path;
 }

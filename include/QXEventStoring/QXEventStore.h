@@ -26,7 +26,8 @@ inline constexpr std::string_view QXEventStoreChangedExternallyNotification =
 // the application that made an external change, the login name of the user who made the change.
 inline constexpr std::string_view QXEventStoreChangedEventIDKey = "Event ID";
 inline constexpr std::string_view QXEventStoreChangeKey = "QXEventStoreChangeKey";
-inline constexpr std::string_view QXEventStoreModifierApplicationIDKey = "QXEventStoreModifierApplicationIDKey";
+inline constexpr std::string_view QXEventStoreModifierApplicationIDKey =
+    "QXEventStoreModifierApplicationIDKey";
 inline constexpr std::string_view QXEventStoreModifierUserName = "Current User Name";
 
 /// Bits of a change mask.
@@ -53,14 +54,14 @@ inline constexpr std::string_view QXESAttributeEventSolutionStatus = "__$<EventS
 
 /// How the store stands: for administrators and their tools.
 struct QXEventStoreStatus {
-  std::string path;          // of the store file, under the volume root
+  std::string path;  // of the store file, under the volume root
   bool exists = false;
-  bool open = false;         // by this process
-  bool writable = false;     // the directories
-  bool compatible = false;   // the file was made for this library's model
-  std::uint64_t size = 0;    // bytes
+  bool open = false;                    // by this process
+  bool writable = false;                // the directories
+  bool compatible = false;              // the file was made for this library's model
+  std::uint64_t size = 0;               // bytes
   std::optional<double> freeMegabytes;  // of 1,000,000 bytes, on the store's disk
-  qx::ErrorPtr problem;      // what explains a store that cannot be used
+  qx::ErrorPtr problem;                 // what explains a store that cannot be used
   struct Rows {
     std::string entity;
     std::optional<std::uint64_t> count;  // nothing when counting failed

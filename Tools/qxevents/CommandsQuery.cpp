@@ -1,0 +1,172 @@
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include <QXEventStoring/QXEventStore.h>
+
+#include "CommandLine.h"
+#include "EventJson.h"
+#include "StoreAccess.h"
+#include "Table.h"
+
+namespace qxevents {
+namespace {
+
+struct Filters {
+  std::vector<std::string> sources, classes;
+  std::optional<std::int64_t> minimumSeverity;
+  std::optional<qx::Date> since, until;
+  bool read = false, unread = false, solved = false, unsolved = false;
+  std::optional<std::int64_t> limit;
+
+  std::size_t limitOr(std::size_t count) const {
+    return limit ? std::min(count, static_cast<std::size_t>(*limit)) : count;
+  }
+};
+
+qx::Array valuesOf(const std::vector<std::string>& texts) {
+  return {texts.begin(), texts.end()};
+}
+
+/// Null when every event is wanted.
+qx::PredicatePtr predicateOf(const Filters& filters) {
+  std::vector<qx::PredicatePtr> all;
+  if (!filters.sources.empty())
+    all.push_back(qx::key(QXESAttributeEventSourceID).in(valuesOf(filters.sources)));
+  if (!filters.classes.empty())
+    all.push_back(qx::key(QXESAttributeEventClassID).in(valuesOf(filters.classes)));
+  if (filters.minimumSeverity) all.push_back(qx::key(QXESAttributeEventSeverity) >= *filters.minimumSeverity);
+  if (filters.since) all.push_back(qx::key(QXESAttributeEventTriggerTime) >= *filters.since);
+  if (filters.until) all.push_back(qx::key(QXESAttributeEventTriggerTime) < *filters.until);
+  if (filters.read || filters.unread) all.push_back(qx::key(QXESAttributeEventReadStatus) == filters.read);
+  if (filters.solved || filters.unsolved) {
+    all.push_back(qx::key(QXESAttributeEventSolutionStatus) == (filters.solved ? 1 : 0));
+  }
+  return all.empty() ? nullptr : qx::Predicate::conjunction(std::move(all));
+}
+
+/// IDs in order; events whose information tells their severity come first. For a source whose details differ
+/// from its class the store keeps one set of details, that of the latest event added. Those last in an export
+/// carry the stored severity itself, so that an import ends with the same details.
+int runExport(Context& context, const Filters& filters) {
+  auto events = fetchEvents(predicateOf(filters));
+  if (!events) return kFailed;
+  std::sort(events->begin(), events->end(),
+            [](const auto& a, const auto& b) { return a->identifier() < b->identifier(); });
+  std::size_t left = filters.limitOr(events->size());
+  std::vector<std::string> others;
+  for (auto& event : *events) {
+    if (left == 0 || context.output.isBroken()) return kDone;
+    std::string line;
+    encodeEvent(line, *event, false);
+    line += '\n';
+    if (hasSeverityInInfo(*event)) {
+      context.output.write(line);
+      --left;
+    } else {
+      line.shrink_to_fit();
+      others.push_back(std::move(line));
+    }
+    event.reset();  // a line is smaller than a decoded record
+  }
+  for (const auto& line : others) {
+    if (left-- == 0 || context.output.isBroken()) break;
+    context.output.write(line);
+  }
+  return kDone;
+}
+
+void printTable(Context& context, const std::vector<QXEventPtr>& events) {
+  Table table({{"ID", 8, 4},
+               {"TIME", 10, 3},
+               {"SEVERITY"},
+               {"STATE"},
+               {"READ"},
+               {"CLASS", 12, 2, Cut::start},
+               {"SOURCE", 8, 1}});
+  for (const auto& event : events) {
+    const auto& status = event->status();
+    const auto* source = event->source().get();
+    table.addRow(
+        {event->identifier().value_or("-"), event->triggerTime() ? event->triggerTime()->toRFC3339() : "-",
+         severityName(event->severity()), fmt::format("{}/{}", status.location, status.length),
+         event->isRead() ? "yes" : "no", event->classID().value_or("-"),
+         source == nullptr ? "-" : source->name().value_or(source->identifier().value_or("-"))},
+        severityColor(event->severity()));
+  }
+  table.print(context.output, context.width, context.color);
+}
+
+int runList(Context& context, const Filters& filters) {
+  auto events = fetchEvents(predicateOf(filters));
+  if (!events) return kFailed;
+  const auto isNewer = [](const QXEventPtr& a, const QXEventPtr& b) {
+    if (a->triggerTime() != b->triggerTime()) return a->triggerTime() > b->triggerTime();
+    return a->identifier() < b->identifier();
+  };
+  const auto end = events->begin() + static_cast<std::ptrdiff_t>(filters.limitOr(events->size()));
+  std::partial_sort(events->begin(), end, events->end(), isNewer);
+  events->erase(end, events->end());
+  if (!context.json) {
+    printTable(context, *events);
+    return kDone;
+  }
+  for (const auto& event : *events) {
+    std::string line;
+    encodeEvent(line, *event, false);
+    context.output.write(line + "\n");
+  }
+  return kDone;
+}
+
+int runCount(Context& context, const Filters& filters) {
+  qx::ErrorPtr error;
+  const auto count =
+      QXEventStore::sharedQXEventStore().countOfEventsWithPredicate(predicateOf(filters), &error);
+  if (error != nullptr || count == std::numeric_limits<std::uint64_t>::max()) {
+    complainOfStore(error);
+    return kFailed;
+  }
+  context.output.write(context.json ? fmt::format("{{\"count\":{}}}\n", count) : fmt::format("{}\n", count));
+  return kDone;
+}
+
+void addFilters(CLI::App& app, Filters& filters) {
+  addTexts(app, "--source", filters.sources, "Only of this source; may be repeated")->allow_extra_args(false);
+  addTexts(app, "--class", filters.classes, "Only of this class; may be repeated")->allow_extra_args(false);
+  addInteger(app, "--min-severity", filters.minimumSeverity,
+             "Only from this severity on, as stored with the class");
+  addTime(app, "--since", filters.since, "Only from this moment on (RFC 3339)");
+  addTime(app, "--until", filters.until, "Only before this moment (RFC 3339)");
+  auto* read = app.add_flag("--read", filters.read, "Only those that were read");
+  app.add_flag("--unread", filters.unread, "Only those that were not read")->excludes(read);
+  auto* solved = app.add_flag("--solved", filters.solved, "Only those in their last state");
+  app.add_flag("--unsolved", filters.unsolved, "Only those not in their last state")->excludes(solved);
+}
+
+using Run = int (*)(Context&, const Filters&);
+
+void addQuery(CLI::App& app, Context& context, const std::string& name, const std::string& help, Run run,
+              bool hasLimit) {
+  const auto filters = std::make_shared<Filters>();
+  auto& query = *app.add_subcommand(name, help);
+  addFilters(query, *filters);
+  if (hasLimit) addInteger(query, "--limit", filters->limit, "At most this many", 0);
+  query.callback([&context, filters, run] {
+    context.command = [&context, filters, run] { return run(context, *filters); };
+  });
+}
+
+}  // namespace
+
+void addQueryCommands(CLI::App& app, Context& context) {
+  addQuery(app, context, "list", "Prints the events that are not blocked, newest first.", runList, true);
+  addQuery(app, context, "export",
+           "Prints the events that are not blocked as JSON Lines that import takes back, in a fixed order.",
+           runExport, true);
+  addQuery(app, context, "count", "Prints how many events there are.", runCount, false);
+}
+
+}  // namespace qxevents

@@ -37,7 +37,7 @@ struct QX_EXPORT Date {
   /// The form of the record descriptions: "2026-11-02 05:23:26 +0000".
   std::string description() const;
 
-  friend auto operator<=>(const Date&, const Date&) = default;
+  friend auto operator<=>(const Date&, const Date&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 }  // namespace qx

@@ -432,6 +432,13 @@ TEST_F(DatabaseAccessor, OpensTheStoreAgainWhenAnotherProcessReplacedIt) {
     EXPECT_TRUE(accessor().isPersistentStoreCreated());
   }
 
+  // One without a poster's name is nobody's own, not even for a program without a name.
+  Bundle::setMainBundleIdentifier("");
+  lines.take();
+  post(std::nullopt, user, {});
+  EXPECT_FALSE(lines.take().empty());
+  Bundle::setMainBundleIdentifier(kTestApplication);
+
   accessor().removeCorruptedStore(nullptr);
   center.drain(10'000);
   lines.take();

@@ -80,7 +80,7 @@ int runExport(Context& context, const Filters& filters) {
 
 void printTable(Context& context, const std::vector<QXEventPtr>& events) {
   Table table({{"ID", 8, 4},
-               {"TIME", 10, 3},
+               {"TIME", 17, 3},
                {"SEVERITY"},
                {"STATE"},
                {"READ"},

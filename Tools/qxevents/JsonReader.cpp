@@ -141,7 +141,10 @@ class ValueBuilder {
   std::string path() const {
     std::string place;
     bool insideInfo = root_ != JsonRoot::record;
-    for (const auto& frame : frames_) {
+    constexpr std::size_t kShownLevels = 8;
+    for (std::size_t level = 0; level < frames_.size(); ++level) {
+      if (level == kShownLevels) return excerpt(place, 300) + "…";
+      const auto& frame = frames_[level];
       if (!frame.isObject) {
         place += fmt::format("[{}]", frame.items.size());
         continue;

@@ -64,7 +64,10 @@ int run(Context& context, const GlobalOptions& options) {
 /// Help and version are data, everything else is wrong usage.
 int reportParseEnd(const CLI::App& app, const CLI::ParseError& end, Context& context) {
   if (end.get_exit_code() != 0) {
-    complain(printable(end.what()));
+    const auto unknown = app.remaining();
+    const bool isUnknownCommand = app.get_subcommands().empty() && !unknown.empty();
+    complain(isUnknownCommand ? fmt::format("no such command or option: {}", excerpt(unknown.front()))
+                              : printable(end.what()));
     complain("--help tells the usage");
     return kWrongUsage;
   }
@@ -78,7 +81,7 @@ int runTool(int argc, char** argv) {
   secureStandardStreams();
   Context context;
   GlobalOptions options;
-  CLI::App app;
+  CLI::App app({}, "qxevents");
   addGlobalOptions(app, context, options);
   addAddCommand(app, context);
   addImportCommand(app, context);

@@ -1,0 +1,100 @@
+#include <fstream>
+#include <random>
+
+#include "BareStore.h"
+#include "Figures.h"
+#include "Scenarios.h"
+#include "StoreCopies.h"
+
+namespace benchmarks {
+
+namespace {
+
+using nlohmann::json;
+
+/// A line of /proc/self/status, in megabytes of 1,000,000 bytes.
+double memory(const std::string& name) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with(name + ":")) return std::stod(line.substr(name.size() + 1)) * 1024 / 1e6;
+  return 0;
+}
+
+/// What `hold` keeps and needs, of this fresh process's memory.
+template <typename Hold>
+json memoryOf(Hold&& hold) {
+  const double before = memory("VmRSS");
+  const auto held = hold();
+  return {{"held", memory("VmRSS") - before}, {"peak", memory("VmHWM") - before}, {"count", held.size()}};
+}
+
+Figure compareFetches(const std::string& measure, std::size_t repetitions, QXEventStore& store,
+                      const qx::PredicatePtr& predicate, const std::function<std::vector<BareRow>()>& bare,
+                      std::optional<Target> target) {
+  Timings ours, yardstick;
+  const auto fetch = [&] { return store.eventsWithPredicate(predicate).value(); };
+  const std::size_t expected = bare().size();
+  require(fetch().size() == expected, measure + ": both sides must find the same number of events");
+  // The results go after the clock has stopped.
+  alternate(
+      repetitions, 1, [&](std::size_t) { ours.measure(fetch); },
+      [&](std::size_t) { yardstick.measure(bare); });
+  return durationFigure(measure, "ms", ours, yardstick, target);
+}
+
+}  // namespace
+
+json query(const Setting& setting) {
+  const bool isLarge = setting.stored > 10'000;
+  const std::size_t repetitions = (isLarge ? 7 : 60) / (setting.quick ? 2 : 1);
+  const std::size_t lookUps = setting.quick ? 1000 : 5000;
+  QXEventStore& store = openStoreCopy(setting);
+  BareStore bare(bareCopy(setting));
+  json figures = json::array();
+
+  figures.push_back(toJson(compareFetches(
+      "fetch all", repetitions, store, nullptr, [&] { return bare.fetchAll(); },
+      Target{Target::Subject::ratio, false, 3})));
+  const std::string sourceID = bare.firstRows(1).front().sourceID;
+  figures.push_back(toJson(compareFetches(
+      "fetch one source's", repetitions, store, qx::key(QXESAttributeEventSourceID) == sourceID,
+      [&] { return bare.fetchBySource(sourceID); }, std::nullopt)));
+
+  Timings ourCounts, bareCounts, ourLookUps, bareLookUps;
+  const qx::PredicatePtr unread = qx::key(QXESAttributeEventReadStatus) == false;
+  alternate(
+      repetitions, 1,
+      [&](std::size_t) { ourCounts.measure([&] { return store.countOfEventsWithPredicate(unread); }); },
+      [&](std::size_t) { bareCounts.measure([&] { return bare.countUnread(); }); });
+  require(store.countOfEventsWithPredicate(unread) == bare.countUnread(), "both sides must count the same");
+  figures.push_back(toJson(durationFigure("count unread", "ms", ourCounts, bareCounts)));
+
+  const std::vector<std::string> ids = bare.eventIDs();
+  std::mt19937 random(1);
+  std::vector<std::string> wanted;
+  for (std::size_t i = 0; i < lookUps; ++i)
+    wanted.push_back(ids[random() % ids.size()]);
+  alternate(
+      lookUps, 100,
+      [&](std::size_t i) {
+        require(ourLookUps.measure([&] { return QXEvent::eventWithEventID(wanted[i]); }) != nullptr,
+                "look-up");
+      },
+      [&](std::size_t i) { bareLookUps.measure([&] { return bare.fetchByID(wanted[i]); }); });
+  std::optional<Target> target;
+  if (isLarge) target = Target{Target::Subject::ours, false, 60};
+  figures.push_back(toJson(durationFigure("look up by ID", "µs", ourLookUps, bareLookUps, target)));
+  return figures;
+}
+
+json holdRecords(const Setting& setting) {
+  QXEventStore& store = openStoreCopy(setting);
+  return memoryOf([&] { return store.eventsWithPredicate(nullptr).value(); });
+}
+
+json holdBareRows(const Setting& setting) {
+  BareStore bare(bareCopy(setting));
+  return memoryOf([&] { return bare.fetchAll(); });
+}
+
+}  // namespace benchmarks

@@ -193,7 +193,7 @@ class FlockDirectoryLock : public DirectoryLock {
     }
     if (state_->queue.empty() && takeAtOnce()) return true;
 
-    if (patience <= patience.zero()) return false;
+    if (patience <= std::chrono::milliseconds::zero()) return false;
     const Clock::time_point now = Clock::now();
     if (!state_->waitedSince) state_->waitedSince = now;
     if (now - *state_->waitedSince >= patience) return false;  // others have waited long enough already

@@ -1,7 +1,8 @@
 // Delivery to the observers of this process: a bounded queue and one thread that empties it.
 //
 // The centre and its thread live until the process ends. When the process exits normally, delivery stops
-// before static objects are destroyed, since handlers may use them.
+// before those static objects are destroyed that are older than the centre, since handlers may use them.
+// What is younger protects itself by its Observation, which goes first.
 
 #include "Platform/DistributedNotificationCenter.h"
 
@@ -36,7 +37,7 @@ class LocalDeliveryCenter : public DistributedNotificationCenter {
   void post(std::string name, String object, Dictionary userInfo, std::uint64_t /*options*/) override {
     if (!observers_->anyWants(name, nullptr, object)) return;
     Notification oldest;  // destroyed after the lock is let go
-    const std::lock_guard guard(mutex_);
+    std::unique_lock guard(mutex_);
     if (stopping_ || !startThread()) return;
     if (queue_.size() >= kMaximumPending) {
       oldest = std::move(queue_.front());
@@ -45,7 +46,9 @@ class LocalDeliveryCenter : public DistributedNotificationCenter {
     }
     queue_.push_back({std::move(name), nullptr, std::move(object), std::move(userInfo)});
     ++posted_;
-    if (idle_) arrived_.notify_one();
+    const bool wake = std::exchange(idle_, false);
+    guard.unlock();
+    if (wake) arrived_.notify_one();
   }
 
   bool drain(std::uint64_t milliseconds) override {
@@ -93,8 +96,10 @@ class LocalDeliveryCenter : public DistributedNotificationCenter {
   [[noreturn]] void deliver() {
     std::unique_lock guard(mutex_);
     for (;;) {
-      idle_ = true;
-      arrived_.wait(guard, [this] { return !queue_.empty() && !stopping_; });
+      while (queue_.empty() || stopping_) {
+        idle_ = true;
+        arrived_.wait(guard);
+      }
       idle_ = false;
       Notification notification = std::move(queue_.front());
       queue_.pop_front();
@@ -122,7 +127,7 @@ class LocalDeliveryCenter : public DistributedNotificationCenter {
   std::condition_variable delivered_;
   std::deque<Notification> queue_;
   std::thread::id thread_;  // the delivery thread, once it runs
-  bool idle_ = false;       // it waits for something to arrive
+  bool idle_ = false;       // it waits, and nobody has woken it yet
   bool stopping_ = false;
   std::uint64_t posted_ = 0;      // they are numbered from 1
   std::uint64_t delivering_ = 0;  // the number of the one that is being delivered

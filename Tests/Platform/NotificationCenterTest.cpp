@@ -177,8 +177,8 @@ TEST(DistributedNotificationCenter, DropsTheOldestWhenAnObserverCannotFollow) {
 TEST(DistributedNotificationCenter, LetsTheProcessExitWhileItDelivers) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto exitBusy = [] {
+    static std::vector<int> destroyedAtExit(1000, 1);  // older than the centre: outlives its delivery
     auto& center = DistributedNotificationCenter::defaultCenter();
-    static std::vector<int> destroyedAtExit(1000, 1);
     std::promise<void> running;
     auto observation =
         center.addObserver("name", std::nullopt, [&, told = false](const Notification&) mutable {

@@ -216,9 +216,10 @@ bool PosixHost::startDetached(const std::string& executable, const std::vector<s
                               ErrorPtr* error) {
   const auto hasNul = [](const std::string& text) { return text.find('\0') != std::string::npos; };
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 2);
+  pointers.push_back(const_cast<char*>(executable.c_str()));
   for (const std::string& text : arguments)
     pointers.push_back(const_cast<char*>(text.c_str()));
-  pointers.insert(pointers.begin(), const_cast<char*>(executable.c_str()));
   pointers.push_back(nullptr);
 
   const bool unusable = hasNul(executable) || std::any_of(arguments.begin(), arguments.end(), hasNul);

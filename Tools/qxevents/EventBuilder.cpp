@@ -49,7 +49,7 @@ QXEventPtr EventBuilder::build(EventRecord record, std::string& refusal) {
     record.handler = details->handler;
   }
 
-  const auto event = record.id.empty() ? std::make_shared<QXEvent>() : std::make_shared<QXEvent>(record.id);
+  auto event = record.id.empty() ? std::make_shared<QXEvent>() : std::make_shared<QXEvent>(record.id);
   event->setClassID(std::move(record.classID));
   event->setHandler(std::move(record.handler));
   event->setSeverity(record.severity.value_or(details == nullptr ? 0 : details->severity));

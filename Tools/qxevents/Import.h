@@ -21,7 +21,7 @@ namespace qxevents {
 class Import {
  public:
   static constexpr std::size_t kBatchLines = 1000;
-  static constexpr std::size_t kBatchBytes = 16 * 1024 * 1024;
+  static constexpr std::size_t kBatchBytes = std::size_t{16} * 1024 * 1024;
 
   struct Progress {
     std::uint64_t bytes = 0;  // read

@@ -9,7 +9,7 @@
 namespace qxevents {
 namespace {
 
-constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::size_t kReadSize = std::size_t{64} * 1024;
 constexpr int kPauseMilliseconds = 200;
 
 }  // namespace

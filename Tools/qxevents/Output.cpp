@@ -15,7 +15,7 @@
 namespace qxevents {
 namespace {
 
-constexpr std::size_t kPieceSize = 64 * 1024;
+constexpr std::size_t kPieceSize = std::size_t{64} * 1024;
 
 /// 0, or errno.
 int writeAll(int descriptor, std::string_view bytes) {

@@ -84,7 +84,6 @@ json changeOne(const Setting& setting) {
       [&](std::size_t i) {
         const bool saved = ourSaves.measure([&] {
           events[i] = QXEvent::eventWithEventID(events[i]->identifier());
-          events[i]->setAsPersistentlyStored(true);
           events[i]->setReadStatus(true);
           return store.saveEvent(events[i], &error);
         });

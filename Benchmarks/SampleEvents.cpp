@@ -70,7 +70,7 @@ void fill(json& info) {
       {"Event: Input Bin", "Tray 2"},
   };
   for (const auto& [key, value] : kDetails) {
-    if (info.dump().size() >= 335) return;
+    if (info.dump().size() >= 270) return;
     if (!info.contains(key)) info[key] = value;
   }
 }
@@ -78,7 +78,7 @@ void fill(json& info) {
 }  // namespace
 
 SampleEvents::SampleEvents() {
-  constexpr std::size_t kLongestInfo = 600;
+  constexpr std::size_t kLongestInfo = 450;
   std::map<std::string, QXEventSourcePtr> sources;
   std::map<std::string, json> classes;
   std::ifstream lines(QX_SAMPLE_EVENTS);

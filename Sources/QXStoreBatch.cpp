@@ -160,8 +160,8 @@ qx::ErrorPtr QXStoreCoordinator::refuseEvents(const std::vector<QXEventPtr>& eve
 
 bool QXStoreCoordinator::addEvents(const std::vector<QXEventPtr>& events, qx::ErrorPtr* error) {
   qx::ErrorPtr failure = noStackError();
-  const std::lock_guard add(m_pLock);
   if (QXDatabaseAccessor* const database = accessor()) {
+    const std::lock_guard add(m_pLock);
     const std::lock_guard lock(*database);
     const qx::ManagedObjectContext::WriteScope scope(database->context());
     if (const qx::ErrorPtr refused = refuseEvents(events)) {

@@ -172,9 +172,10 @@ class QXStoreCoordinator {
   qx::ManagedObjectPtr eventClassManagedObjForEvent(const QXEvent& event, BatchMemo* memo);
   static void setValuesForEventClass(qx::ManagedObject& classRow, const QXEvent& fromEventObject);
   static void setValuesForFromSourceObject(qx::ManagedObject& row, const QXEventSource& source);
-  static void postSourceChange(const qx::String& sourceID, qx::Dictionary changedValues);
+  static void postSourceChange(const qx::String& sourceID, const qx::Dictionary& changedValues);
   void setValuesForFromEventObject(qx::ManagedObject& row, const QXEvent& event, BatchMemo* memo);
   void writeSourceOfEvent(const QXEvent& event, BatchMemo* memo);
+  bool insertAndSave(const QXEvent& event, qx::ErrorPtr* error);
   qx::ErrorPtr refuseEvents(const std::vector<QXEventPtr>& events);
   bool saveBatch(const std::vector<QXEventPtr>& events, QXDatabaseAccessor& accessor, qx::ErrorPtr* error);
   static std::int64_t copyChanges(const QXEvent& event, qx::ManagedObject& row);

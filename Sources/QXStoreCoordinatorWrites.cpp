@@ -88,7 +88,7 @@ void QXStoreCoordinator::setValuesForFromSourceObject(qx::ManagedObject& row, co
   setText(row, kSourceProducNumber, source.productNumber());
 }
 
-void QXStoreCoordinator::postSourceChange(const qx::String& sourceID, qx::Dictionary changedValues) {
+void QXStoreCoordinator::postSourceChange(const qx::String& sourceID, const qx::Dictionary& changedValues) {
   qx::Dictionary announced;
   for (const auto& [attribute, value] : changedValues) {
     if (!value.isNull()) announced.set(attribute, value);  // a notification cannot carry the null marker
@@ -119,8 +119,8 @@ void QXStoreCoordinator::writeSourceOfEvent(const QXEvent& event, BatchMemo* mem
   setValuesForFromSourceObject(*row, *source);
   if (memo != nullptr) {
     memo->didWrite(*identifier, source);
-  } else if (qx::Dictionary changed = row->changedValues(); !changed.empty()) {
-    postSourceChange(identifier, std::move(changed));
+  } else if (const qx::Dictionary changed = row->changedValues(); !changed.empty()) {
+    postSourceChange(identifier, changed);
   }
 }
 
@@ -141,24 +141,29 @@ void QXStoreCoordinator::setValuesForFromEventObject(qx::ManagedObject& row, con
 bool QXStoreCoordinator::addEvent(const QXEventPtr& event, qx::ErrorPtr* error) {
   qx::ErrorPtr failure = noStackError();
   bool isSaved = false;
-  const std::lock_guard add(m_pLock);
-  QXLogInfo("[QXStoreCordinator]lock acquired");
-  if (QXDatabaseAccessor* const database = accessor()) {
-    const std::lock_guard lock(*database);
-    // From the first look-up to the save, so that no other process makes the same class or source meanwhile.
-    const qx::ManagedObjectContext::WriteScope scope(database->context());
-    if (const qx::ManagedObjectPtr row = createObject(kEventEntity, nullptr)) {
-      setValuesForFromEventObject(*row, *event, nullptr);
-      isSaved = database->saveEventToStore(&failure);
-    }
+  {
+    const std::lock_guard add(m_pLock);
+    QXLogInfo("[QXStoreCordinator]lock acquired");
+    isSaved = insertAndSave(*event, &failure);
+    QXLogInfo("[QXStoreCordinator]Release lock");
+    QXLogInfo("[QXStoreCordinator]Added successfully[%d]", isSaved);
+    QXLogInfo("[QXStoreCordinator] Error [%{public}@]",
+              isSaved || !failure ? std::nullopt : qx::String(failure->localizedDescription()));
   }
-  if (isSaved) failure = nullptr;
-  QXLogInfo("[QXStoreCordinator]Release lock");
-  QXLogInfo("[QXStoreCordinator]Added successfully[%d]", isSaved);
-  QXLogInfo("[QXStoreCordinator] Error [%{public}@]",
-            failure ? qx::String(failure->localizedDescription()) : std::nullopt);
   if (!isSaved && error != nullptr) *error = generateError(failure);
   return isSaved;
+}
+
+bool QXStoreCoordinator::insertAndSave(const QXEvent& event, qx::ErrorPtr* error) {
+  QXDatabaseAccessor* const database = accessor();
+  if (database == nullptr) return false;
+  const std::lock_guard lock(*database);
+  // From the first look-up to the save, so that no other process makes the same class or source meanwhile.
+  const qx::ManagedObjectContext::WriteScope scope(database->context());
+  const qx::ManagedObjectPtr row = createObject(kEventEntity, nullptr);
+  if (!row) return false;
+  setValuesForFromEventObject(*row, event, nullptr);
+  return database->saveEventToStore(error);
 }
 
 bool QXStoreCoordinator::saveEvent(const QXEventPtr&, qx::ErrorPtr* error) {

@@ -47,33 +47,21 @@ qx::PredicatePtr predicateOf(const Filters& filters) {
   return all.empty() ? nullptr : qx::Predicate::conjunction(std::move(all));
 }
 
-/// IDs in order; events whose information tells their severity come first. For a source whose details differ
-/// from its class the store keeps one set of details, that of the latest event added. Those last in an export
-/// carry the stored severity itself, so that an import ends with the same details.
+/// In the order of the IDs, so that two exports can be compared line by line.
 int runExport(Context& context, const Filters& filters) {
   auto events = fetchEvents(predicateOf(filters));
   if (!events) return kFailed;
   std::sort(events->begin(), events->end(),
             [](const auto& a, const auto& b) { return a->identifier() < b->identifier(); });
-  std::size_t left = filters.limitOr(events->size());
-  std::vector<std::string> others;
+  events->resize(std::min(events->size(), filters.limitOr(events->size())));
+  std::string line;
   for (auto& event : *events) {
-    if (left == 0 || context.output.isBroken()) return kDone;
-    std::string line;
+    if (context.output.isBroken()) break;
+    line.clear();
     encodeEvent(line, *event, false);
     line += '\n';
-    if (hasSeverityInInfo(*event)) {
-      context.output.write(line);
-      --left;
-    } else {
-      line.shrink_to_fit();
-      others.push_back(std::move(line));
-    }
-    event.reset();  // a line is smaller than a decoded record
-  }
-  for (const auto& line : others) {
-    if (left-- == 0 || context.output.isBroken()) break;
     context.output.write(line);
+    event.reset();  // an export of a large store need not hold every decoded record
   }
   return kDone;
 }

@@ -195,10 +195,4 @@ void encodeEvent(std::string& line, const QXEvent& event, bool blocked) {
   line += '}';
 }
 
-bool hasSeverityInInfo(const QXEvent& event) {
-  const auto& info = event.additionalInfo();
-  return info.contains(QXDeviceMonitoringOverriddenSeverityKey) ||
-         info.contains(QXDeviceMonitoringReportedSeverityKey);
-}
-
 }  // namespace qxevents

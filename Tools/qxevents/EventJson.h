@@ -54,7 +54,4 @@ void encodeValue(std::string& json, const qx::Value& value);
 /// The information as a whole: a plain object.
 void encodeInfo(std::string& json, const qx::Dictionary& info);
 
-/// Whether the information itself decides the event's severity (overridden or reported severity).
-bool hasSeverityInInfo(const QXEvent& event);
-
 }  // namespace qxevents

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <QXEventStoring/Platform/Bundle.h>
@@ -33,8 +34,10 @@ QXESDistributedNotificationCenter& QXESDistributedNotificationCenter::defaultCen
   return *center;
 }
 
-void QXESDistributedNotificationCenter::postNotificationName(std::string name, qx::String object,
-                                                             qx::Dictionary userInfo, std::uint64_t options) {
+void QXESDistributedNotificationCenter::postNotificationName(const std::string& name,
+                                                             const qx::String& object,
+                                                             const qx::Dictionary& userInfo,
+                                                             std::uint64_t options) {
   QXLogInfo(
       "Recieved notification:[%{public}@] in QXEventStoring Notification Center sender:[%{public}@] "
       "Option[%lu]",
@@ -50,7 +53,7 @@ qx::Observation QXESDistributedNotificationCenter::addObserver(qx::String name, 
 
 void QXESDistributedNotificationCenter::post(std::string name, qx::String object, qx::Dictionary userInfo,
                                              std::uint64_t options) {
-  postNotificationName(std::move(name), std::move(object), std::move(userInfo), options);
+  postNotificationName(name, object, userInfo, options);
 }
 
 bool QXESDistributedNotificationCenter::drain(std::uint64_t milliseconds) {
@@ -144,7 +147,12 @@ void QXESDistributedNotificationCenter::flushAtExit() {
   const auto start = std::chrono::steady_clock::now();
   bool hasPosted = false;
   {
-    const std::unique_lock lock(m_pLock, kPatienceAtExit);
+    // Whoever holds the lock may be a thread that will not run any more.
+    std::unique_lock lock(m_pLock, std::try_to_lock);
+    while (!lock.owns_lock() && std::chrono::steady_clock::now() < start + kPatienceAtExit) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      lock = std::unique_lock(m_pLock, std::try_to_lock);
+    }
     if (!lock.owns_lock()) return;
     isEnding_ = true;
     hasPosted = !m_pNotifications.empty();

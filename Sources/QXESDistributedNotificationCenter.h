@@ -28,7 +28,7 @@ class QXESDistributedNotificationCenter : public qx::DistributedNotificationCent
   /// Takes an announcement: `userInfo` holds one event ID (QXEventStoreChangedEventIDKey), the change mask
   /// (QXEventStoreChangeKey) and the user's name. One without ID or mask is logged and dropped. Name, object
   /// and options are only logged: every batch has its own.
-  void postNotificationName(std::string name, qx::String object, qx::Dictionary userInfo,
+  void postNotificationName(const std::string& name, const qx::String& object, const qx::Dictionary& userInfo,
                             std::uint64_t options);
 
   // As a centre: observers are those of the machine-wide one; post() gathers; drain() posts what is pending.
@@ -55,8 +55,8 @@ class QXESDistributedNotificationCenter : public qx::DistributedNotificationCent
   void postPending();
   void flushAtExit();
 
-  std::timed_mutex m_pLock;
-  std::condition_variable_any ending_;
+  std::mutex m_pLock;
+  std::condition_variable ending_;
   // Guarded by m_pLock.
   std::map<std::int64_t, Batch> m_pNotifications;  // by change mask
   std::unique_ptr<Timer> m_pTimer;                 // while a flush thread runs

@@ -14,6 +14,9 @@
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "Platform/FileDescriptor.h"
 #include "Platform/FileError.h"
@@ -184,10 +187,7 @@ int launchDetached(const std::string& executable, char* const* arguments) {
   return awaitReport(reader);
 }
 
-}  // namespace
-
-std::string PosixHost::userName() const {
-  const uid_t user = ::geteuid();
+std::string loginName(uid_t user) {
   std::vector<char> buffer(1024);
   passwd entry{};
   passwd* found = nullptr;
@@ -195,7 +195,24 @@ std::string PosixHost::userName() const {
          buffer.size() < (1U << 20)) {
     buffer.resize(buffer.size() * 2);
   }
-  return found != nullptr ? std::string(found->pw_name) : std::to_string(user);
+  return found != nullptr && *found->pw_name != '\0' ? std::string(found->pw_name) : std::to_string(user);
+}
+
+}  // namespace
+
+/// Asked for with every notification, while the answer means opening and reading files: it is kept until the
+/// effective user changes.
+std::string PosixHost::userName() const {
+  static std::mutex mutex;
+  static uid_t knownUser = 0;
+  static std::string* const knownName = new std::string;  // threads may ask until the very end
+  const uid_t user = ::geteuid();
+  const std::lock_guard lock(mutex);
+  if (knownName->empty() || user != knownUser) {
+    *knownName = loginName(user);
+    knownUser = user;
+  }
+  return *knownName;
 }
 
 String PosixHost::processListing() const {

@@ -273,12 +273,14 @@ TEST_F(FacadeTest, GathersAnnouncementsByMaskUnderTheFirstUser) {
 /// Local notifications of the shared store.
 class LocalChanges {
  public:
-  LocalChanges()
-      : observation_(NotificationCenter::defaultCenter().addObserver(
-            std::nullopt, &QXEventStore::sharedQXEventStore(), [this](const Notification& notification) {
-              const std::lock_guard guard(mutex_);
-              received_.push_back(notification);
-            })) {}
+  LocalChanges() {
+    EXPECT_TRUE(DistributedNotificationCenter::defaultCenter().drain(10'000)) << "what was posted before";
+    observation_ = NotificationCenter::defaultCenter().addObserver(
+        std::nullopt, &QXEventStore::sharedQXEventStore(), [this](const Notification& notification) {
+          const std::lock_guard guard(mutex_);
+          received_.push_back(notification);
+        });
+  }
 
   /// Posts an announcement as `application` and returns what it led to.
   std::vector<Notification> after(const String& application, Dictionary userInfo) {
@@ -344,10 +346,10 @@ TEST_F(FacadeTest, AppliesChangesOfSourcesBeforeItPassesThemOn) {
   added(makeEvent("E1"));
   const auto source = QXEventSource::eventSourceWithID("S1");
   source->setMakeAndModel("Model");
+  LocalChanges local;
   String nameInObserver;
   const auto observation = NotificationCenter::defaultCenter().addObserver(
       std::nullopt, &store(), [&](const Notification&) { nameInObserver = source->name(); });
-  LocalChanges local;
   const auto received = local.after(
       "com.example.other", {{"Modified source id", "S1"},
                             {"Modified source dictionary",

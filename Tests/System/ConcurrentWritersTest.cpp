@@ -3,9 +3,10 @@
 #include <QXEventStoring/QXEventStoring.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <list>
-#include <set>
+#include <memory>
 #include <thread>
 
 #include "Tests/Support/VolumeRoot.h"
@@ -114,7 +115,7 @@ class ConcurrentThreads : public testing::Test {
   static QXEventStore& store() { return QXEventStore::sharedQXEventStore(); }
 
   static QXEventPtr makeEvent(const std::string& eventID, const std::string& sourceID) {
-    const auto event = std::make_shared<QXEvent>(eventID);
+    auto event = std::make_shared<QXEvent>(eventID);
     event->setClassID("com.qx.printer.state.media.empty");
     event->setHandler("com.qx.tests.handler");
     event->setStatus({0, 1'000'000});
@@ -139,6 +140,7 @@ class ConcurrentThreads : public testing::Test {
   /// The body in `count` threads, each with its number.
   static std::vector<std::thread> threads(int count, const std::function<void(int)>& body) {
     std::vector<std::thread> result;
+    result.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
       result.emplace_back([body, i] { body(i); });
     return result;
@@ -220,8 +222,8 @@ TEST_F(ConcurrentThreads, AddSaveQueryAndRemoveAtOnce) {
   for (std::thread& thread : readers)
     thread.join();
 
-  EXPECT_EQ(countOf("ADDED"), std::uint64_t{kWriters * kRounds});
-  EXPECT_EQ(countOf("BATCH"), std::uint64_t{3 * kRounds});
+  EXPECT_EQ(countOf("ADDED"), static_cast<std::uint64_t>(kWriters) * kRounds);
+  EXPECT_EQ(countOf("BATCH"), std::uint64_t{3} * kRounds);
   EXPECT_EQ(countOf("REMOVED"), 0U);
   EXPECT_GE(raised, kRounds / 2);
   const QXEventPtr shared = QXEvent::eventWithEventID("shared");
@@ -250,7 +252,7 @@ TEST_F(ConcurrentThreads, BlockAndAddAtOnce) {
   EXPECT_TRUE(store().blockedEventSources().empty());
   const auto events = store().eventsWithPredicate(nullptr);
   ASSERT_TRUE(events);
-  EXPECT_EQ(events->size(), std::size_t{2 * kRounds});
+  EXPECT_EQ(events->size(), std::size_t{2} * kRounds);
 }
 
 }  // namespace

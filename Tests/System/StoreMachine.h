@@ -45,7 +45,6 @@ class WorkerProcess {
  public:
   struct Options {
     std::optional<uid_t> user = std::nullopt;  // who runs it; none: who runs the test
-    std::string application = "com.qx.tests.worker";
     mode_t umask = 022;
   };
 
@@ -115,7 +114,7 @@ class WorkerProcess {
                            ::setuid(*options.user) == 0 && ::chdir("/") == 0;
       if (!changed) return 126;
     }
-    ::execl(QX_STORE_WORKER, QX_STORE_WORKER, root.c_str(), options.application.c_str(), nullptr);
+    ::execl(QX_STORE_WORKER, QX_STORE_WORKER, root.c_str(), nullptr);
     return 127;
   }
 
@@ -198,9 +197,8 @@ class StoreMachine : public testing::Test {
     return std::nullopt;
   }
 
-  WorkerProcess start(std::optional<uid_t> user = std::nullopt,
-                      const std::string& application = "com.qx.tests.worker") const {
-    return WorkerProcess(root(), {.user = user, .application = application});
+  WorkerProcess start(std::optional<uid_t> user = std::nullopt) const {
+    return WorkerProcess(root(), {.user = user});
   }
 
   /// Makes the store, with `count` events "PREFIX.0" ..., by a process that ends.

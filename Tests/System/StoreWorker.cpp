@@ -1,7 +1,7 @@
 // A program that uses the store the way an agent does, told by lines on its standard input what to do. The
 // system tests start it several times, as several users, and kill it.
 //
-//   StoreWorker VOLUME-ROOT APPLICATION-ID
+//   StoreWorker VOLUME-ROOT
 //
 //   status                      "open PATH" or "closed CODE"
 //   add COUNT PREFIX [CLASS]... adds PREFIX.0 ...; "added ID" after each, then "done"
@@ -11,17 +11,13 @@
 //   save ID STATE READ          changes the kept event; "saved VERSION"
 //   raise ID COUNT              raises the state by one, COUNT times, fetching again when it is stale; "done"
 //   remove ID                   removes the kept event; "removed"
-//   await ID                    until another process's change of the event was announced; "heard ID"
 //
 // What fails answers "failed CODE DESCRIPTION", code 0 when there is no error. Ends with its input.
 
 #include <QXEventStoring/QXEventStoring.h>
 
-#include <condition_variable>
 #include <iostream>
 #include <map>
-#include <mutex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -42,7 +38,7 @@ void fail(const qx::ErrorPtr& error) {
 
 QXEventPtr makeEvent(const std::string& eventID, const std::string& classID, const std::string& sourceID,
                      bool hasDetailsOfItsOwn) {
-  const auto event = std::make_shared<QXEvent>(eventID);
+  auto event = std::make_shared<QXEvent>(eventID);
   event->setClassID(classID);
   const QXEventPtr form = hasDetailsOfItsOwn ? nullptr : QXEvent::eventWithEventClassID(classID);
   event->setHandler(form ? form->handler() : "com.qx.tests.handler");
@@ -61,32 +57,6 @@ QXEventPtr makeEvent(const std::string& eventID) {
   return makeEvent(eventID, std::string(kClass), "PRINTER", true);
 }
 
-/// What this process was told of by others.
-class Announcements {
- public:
-  Announcements()
-      : observation_(qx::NotificationCenter::defaultCenter().addObserver(
-            std::string(QXEventStoreChangedExternallyNotification), nullptr,
-            [this](const qx::Notification& notification) {
-              const qx::Value* const eventID = notification.userInfo.find(QXEventStoreChangedEventIDKey);
-              if (eventID == nullptr) return;
-              const std::lock_guard guard(mutex_);
-              heard_.insert(eventID->stringValue().value_or(""));
-              changed_.notify_all();
-            })) {}
-
-  void await(const std::string& eventID) {
-    std::unique_lock guard(mutex_);
-    changed_.wait(guard, [&] { return heard_.contains(eventID); });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::set<std::string> heard_;  // guarded by mutex_
-  qx::Observation observation_;
-};
-
 class Worker {
  public:
   void obey(std::istringstream words) {
@@ -102,7 +72,6 @@ class Worker {
     if (command == "fetch") return fetch(eventID);
     if (command == "save") return save(eventID, words);
     if (command == "remove") return remove(eventID);
-    if (command == "await") return await(eventID);
     answer("failed 0 unknown command " + command);
   }
 
@@ -147,6 +116,7 @@ class Worker {
     for (int i = 0; i < count; ++i) {
       const std::string name = prefix + "." + std::to_string(i);
       std::vector<QXEventPtr> events;
+      events.reserve(static_cast<std::size_t>(size));
       for (int k = 0; k < size; ++k)
         events.push_back(makeEvent(name + "." + std::to_string(k)));
       qx::ErrorPtr error;
@@ -207,25 +177,19 @@ class Worker {
     answer("removed");
   }
 
-  void await(const std::string& eventID) {
-    announcements_.await(eventID);
-    answer("heard " + eventID);
-  }
-
   std::map<std::string, QXEventPtr> kept_;
-  Announcements announcements_;
 };
 
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  if (argumentCount != 3) return 2;
+  if (argumentCount != 2) return 2;
   qx::ErrorPtr error;
   if (!qx::setVolumeRoot(arguments[1], &error)) {
     fail(error);
     return 1;
   }
-  qx::Bundle::setMainBundleIdentifier(arguments[2]);
+  qx::Bundle::setMainBundleIdentifier("com.qx.tests.worker");
   Worker worker;
   for (std::string line; std::getline(std::cin, line);)
     worker.obey(std::istringstream(line));

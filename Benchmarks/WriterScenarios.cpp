@@ -1,4 +1,4 @@
-// Eight processes that add at the same time, and one alone for comparison.
+// Eight processes that add at the same time, and one alone for comparison, in rounds of both.
 //
 // A writer says "ready" when its store is open, waits for the end of its standard input, which all of them
 // share, and adds one event after the other until its time is over.
@@ -54,15 +54,16 @@ json addForAWhile(double seconds, Add&& add) {
           {"longestMilliseconds", timings.longest() / 1000}};
 }
 
-/// What a number of writers did together.
+/// What a number of writers did together, over all rounds.
 struct Outcome {
   std::uint64_t added = 0, failures = 0;
-  double rate = 0, longest = 0;  // a second; milliseconds
+  double seconds = 0, longest = 0;  // of each writer; milliseconds
   std::string firstFailure;
+  double rate() const { return static_cast<double>(added) / seconds; }
 };
 
-Outcome runWriters(const Setting& setting, const std::string& scenario, const std::filesystem::path& store,
-                   std::size_t count, double seconds) {
+void runWriters(Outcome& outcome, const Setting& setting, const std::string& scenario,
+                const std::filesystem::path& store, std::size_t count, double seconds) {
   Pipe start;
   std::vector<ChildProcess> writers;
   for (std::size_t i = 0; i < count; ++i) {
@@ -74,17 +75,17 @@ Outcome runWriters(const Setting& setting, const std::string& scenario, const st
   for (ChildProcess& writer : writers)
     if (writer.readLine() != "ready") throw std::runtime_error("a writer did not get ready");
   start.writing.close();
-  Outcome outcome;
+  double longestRun = 0;
   for (ChildProcess& writer : writers) {
     const json result = json::parse(writer.readLine());
     writer.wait();
     outcome.added += result.at("added").get<std::uint64_t>();
     outcome.failures += result.at("failures").get<std::uint64_t>();
-    outcome.rate += result.at("added").get<double>() / result.at("seconds").get<double>();
+    longestRun = std::max(longestRun, result.at("seconds").get<double>());
     outcome.longest = std::max(outcome.longest, result.at("longestMilliseconds").get<double>());
     if (outcome.firstFailure.empty()) outcome.firstFailure = result.at("firstFailure");
   }
-  return outcome;
+  outcome.seconds += longestRun;
 }
 
 }  // namespace
@@ -114,50 +115,42 @@ json bareWriter(const Setting& setting) {
 
 json manyWriters(const Setting& setting) {
   const double together = setting.quick ? 3 : 20;
-  const double alone = together / 4;
+  const std::size_t rounds = setting.quick ? 2 : 4;
   const std::filesystem::path root = setting.directory / "volume";
   installStore(setting, root);
   const std::string database = bareCopy(setting);
-  const auto ours = [&](std::size_t count, double seconds) {
-    return runWriters(setting, "writer", root, count, seconds);
-  };
-  const auto bare = [&](std::size_t count, double seconds) {
-    return runWriters(setting, "bareWriter", database, count, seconds);
-  };
-  const Outcome ourFirst = ours(1, alone);
-  const Outcome bareFirst = bare(1, alone);
-  const Outcome ourMany = ours(kWriters, together);
-  const Outcome bareMany = bare(kWriters, together);
-  const Outcome bareLast = bare(1, alone);
-  const Outcome ourLast = ours(1, alone);
+  Outcome ourSingle, bareSingle, ourMany, bareMany;
+  for (std::size_t round = 0; round < rounds; ++round) {
+    const double seconds = together / static_cast<double>(rounds);
+    runWriters(ourSingle, setting, "writer", root, 1, seconds / 2);
+    runWriters(bareSingle, setting, "bareWriter", database, 1, seconds / 2);
+    runWriters(ourMany, setting, "writer", root, kWriters, seconds);
+    runWriters(bareMany, setting, "bareWriter", database, kWriters, seconds);
+  }
 
   BareStore result(storePath(root).string());
-  const std::uint64_t expected = setting.stored + ourFirst.added + ourMany.added + ourLast.added;
+  const std::uint64_t expected = setting.stored + ourSingle.added + ourMany.added;
   require(result.count() == expected && result.countDistinctIDs() == expected,
           "events are missing or double");
 
-  const double ourSingle = (ourFirst.rate + ourLast.rate) / 2;
-  const double bareSingle = (bareFirst.rate + bareLast.rate) / 2;
-  std::cerr << "  alone: ours " << ourFirst.rate << " and " << ourLast.rate << " /s, bare " << bareFirst.rate
-            << " and " << bareLast.rate << " /s\n";
   for (const auto& [side, outcome] : {std::pair("ours", &ourMany), std::pair("bare", &bareMany)})
     if (outcome->failures != 0) std::cerr << "  " << side << ": " << outcome->firstFailure << '\n';
   return json::array({
       toJson({.measure = "8 writers: rate",
               .unit = "/s",
-              .ours = ourMany.rate,
-              .yardstick = bareMany.rate,
+              .ours = ourMany.rate(),
+              .yardstick = bareMany.rate(),
               .yardstickName = "8 of bare SQLite"}),
       toJson({.measure = "8 writers: rate vs one",
               .unit = "/s",
-              .ours = ourMany.rate,
-              .yardstick = ourSingle,
+              .ours = ourMany.rate(),
+              .yardstick = ourSingle.rate(),
               .yardstickName = "one writer, ours",
               .target = Target{Target::Subject::ratio, true, 0.9}}),
       toJson({.measure = "8 writers: bare vs one bare",
               .unit = "/s",
-              .ours = bareMany.rate,
-              .yardstick = bareSingle,
+              .ours = bareMany.rate(),
+              .yardstick = bareSingle.rate(),
               .yardstickName = "one writer, bare SQLite"}),
       toJson({.measure = "8 writers: longest add",
               .unit = "ms",

@@ -1,8 +1,10 @@
 // Runs the scenarios, each in a process of its own, one after the other, and reports their figures.
+#include <array>
 #include <csignal>
 #include <iostream>
 #include <map>
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 #include "ChildProcess.h"
@@ -100,7 +102,6 @@ class Session {
   /// The rate in the large store beside the rate in the small one. The two were not measured at the same
   /// time: the target is about what is left of the difference when bare SQLite's is taken out of it.
   void compareSizes(const std::string& measure, double leastRatio) {
-    const std::string name = measure + ", large vs small";
     for (const Place* place : {&disk_, &memory_}) {
       const json& small = this->figure(measure, place->name, kStored.front());
       const json& large = this->figure(measure, place->name, kStored.back());
@@ -108,7 +109,7 @@ class Session {
       json figures = json::array();
       const auto compare = [&](const std::string& what, const json& rate, double yardstick,
                                const char* yardstickName, std::optional<Target> target) {
-        figures.push_back(toJson({.measure = name + ": " + what,
+        figures.push_back(toJson({.measure = fmt::format("{}, large vs small: {}", measure, what),
                                   .unit = "/s",
                                   .ours = rate,
                                   .yardstick = yardstick,

@@ -115,9 +115,9 @@ BareStore::BareStore(const std::string& path) {
   source_ = prepare(
       "SELECT Z_PK, ZSOURCEID, ZSOURCENAME, ZSOURCEALTERNATENAME, ZMAKEANDMODEL, ZPRODUCTNUMBER, ZSERVICEID "
       "FROM ZQXEVENTSOURCE WHERE ZSOURCEID = ?");
-  reserve_ = prepare(
-      "UPDATE Z_PRIMARYKEY SET Z_MAX = MAX(Z_MAX, IFNULL((SELECT MAX(Z_PK) FROM ZQXEVENT), 0)) + ? "
-      "WHERE Z_ENT = ? RETURNING Z_MAX");
+  lastRow_ = prepare(
+      "SELECT MAX(Z_MAX, IFNULL((SELECT MAX(Z_PK) FROM ZQXEVENT), 0)) FROM Z_PRIMARYKEY WHERE Z_ENT = ?");
+  reserve_ = prepare("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?");
   insert_ = prepare(
       "INSERT INTO ZQXEVENT (Z_PK, Z_ENT, Z_OPT, ZEVENTID, ZEVENTREADSTATUS, ZEVENTTRIGGERTIME, "
       "ZEVENTCURRENTSTATE, ZEVENTVERSIONNUMBER, ZEVENTSOURCEID, ZEVENTADDITIONALINFO, ZEVENTCLASS) "
@@ -181,10 +181,8 @@ bool BareStore::hasSource(const std::string& id) {
 }
 
 std::int64_t BareStore::reserve(std::int64_t count) {
-  reserve_->with(count, kEventEntity);
-  if (!reserve_->step()) fail(database_.get(), "no counter");
-  const std::int64_t last = reserve_->integer(0);
-  reserve_->reset();
+  const std::int64_t last = lastRow_->with(kEventEntity).integer() + count;
+  reserve_->with(last, kEventEntity).run();
   return last;
 }
 

@@ -64,8 +64,8 @@ class BareStore {
   std::vector<BareRow> rowsOf(Statement& statement);
 
   std::unique_ptr<sqlite3, Close> database_;
-  std::unique_ptr<Statement> begin_, commit_, genericClass_, sourceClass_, source_, reserve_, insert_, known_,
-      numberByID_, markRead_, remove_, all_, bySource_, byID_;
+  std::unique_ptr<Statement> begin_, commit_, genericClass_, sourceClass_, source_, lastRow_, reserve_,
+      insert_, known_, numberByID_, markRead_, remove_, all_, bySource_, byID_;
 };
 
 }  // namespace benchmarks

@@ -57,6 +57,10 @@ const Value& ManagedObject::value(std::string_view attribute) const {
   return values_[*at];
 }
 
+const Value& ManagedObject::valueAt(std::size_t property) const {
+  return isValid() && property < values_.size() ? values_[property] : kNull;
+}
+
 void ManagedObject::setValue(std::string_view attribute, Value value) {
   const auto at = entity_->indexOf(attribute);
   if (!at || !isValid() || entity_->properties()[*at].kind != PropertyDescription::Kind::attribute) return;
@@ -69,7 +73,9 @@ void ManagedObject::setValue(std::string_view attribute, Value value) {
 ManagedObjectPtr ManagedObject::related(std::string_view relationship) const {
   const auto at = entity_->indexOf(relationship);
   if (!at || !isValid() || related_.empty()) return nullptr;
-  const ManagedObjectPtr& other = related_[*at];
+  const PropertyDescription& property = entity_->properties()[*at];
+  if (property.kind != PropertyDescription::Kind::toOne) return nullptr;
+  const ManagedObjectPtr& other = related_[property.ordinal];
   return other && other->isValid() ? other : nullptr;
 }
 
@@ -77,11 +83,12 @@ void ManagedObject::setRelated(std::string_view relationship, ManagedObjectPtr o
   const auto at = entity_->indexOf(relationship);
   if (!at || !isValid() || entity_->properties()[*at].kind != PropertyDescription::Kind::toOne) return;
   if (object && object->entity().name() != entity_->properties()[*at].destination) return;
-  if (related_.empty()) related_.resize(values_.size());
-  const bool same = object ? related_[*at] == object : values_[*at].isNull() && !related_[*at];
+  if (related_.empty()) related_.resize(entity_->toOneCount());
+  ManagedObjectPtr& related = related_[entity_->properties()[*at].ordinal];
+  const bool same = object ? related == object : values_[*at].isNull() && !related;
   if (same) return;
   values_[*at] = object && object->rowNumber() != 0 ? Value(object->rowNumber()) : Value();
-  related_[*at] = std::move(object);
+  related = std::move(object);
   markChanged(*at);
 }
 

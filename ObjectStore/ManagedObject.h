@@ -32,6 +32,8 @@ class ManagedObject : public PredicateSubject, public std::enable_shared_from_th
 
   /// An attribute's value; the null marker when it is not set or there is no such attribute.
   const Value& value(std::string_view attribute) const;
+  /// The same, by the attribute's position in the entity's properties, for those who read many objects.
+  const Value& valueAt(std::size_t property) const;
   /// Sets an attribute; null unsets it. A value of another kind than the attribute's is converted when
   /// that loses nothing, else taken as null; setting an equal value is no change.
   void setValue(std::string_view attribute, Value value);
@@ -68,7 +70,7 @@ class ManagedObject : public PredicateSubject, public std::enable_shared_from_th
   bool inserted_ = false;
   bool deleted_ = false;
   std::vector<Value> values_;              // per property; a to-one relationship holds the other's row number
-  std::vector<ManagedObjectPtr> related_;  // per property, empty while no relationship is set
+  std::vector<ManagedObjectPtr> related_;  // per to-one relationship, empty while none is set
 };
 
 }  // namespace qx

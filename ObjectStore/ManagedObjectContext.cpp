@@ -64,16 +64,17 @@ class ManagedObjectContext::Fetch {
 
   void relate(const FetchedRow& row, ManagedObject& object) {
     const auto& properties = entity_.properties();
+    if (entity_.toOneCount() == 0) return;
     for (std::size_t i = 0; i < properties.size(); ++i) {
       if (properties[i].kind != PropertyDescription::Kind::toOne) continue;
       if (((object.changed_ >> i) & 1U) != 0) continue;
       const std::int64_t other = row.relatedRowNumber(i);
       if (other <= 0) {
-        if (!object.related_.empty()) object.related_[i] = nullptr;
+        if (!object.related_.empty()) object.related_[properties[i].ordinal] = nullptr;
         continue;
       }
-      if (object.related_.empty()) object.related_.resize(properties.size());
-      object.related_[i] = relatedObject(row, i, other);
+      if (object.related_.empty()) object.related_.resize(entity_.toOneCount());
+      object.related_[properties[i].ordinal] = relatedObject(row, i, other);
     }
   }
 
@@ -178,8 +179,12 @@ class ManagedObjectContext::Save {
   }
 
   static void takeRelatedRowNumbers(ManagedObject& object) {
-    for (std::size_t i = 0; i < object.related_.size(); ++i)
-      if (const auto& other = object.related_[i]) object.values_[i] = other->rowNumber_;
+    if (object.related_.empty()) return;
+    const auto& properties = object.entity().properties();
+    for (std::size_t i = 0; i < properties.size(); ++i) {
+      if (properties[i].kind != PropertyDescription::Kind::toOne) continue;
+      if (const auto& other = object.related_[properties[i].ordinal]) object.values_[i] = other->rowNumber_;
+    }
   }
 
   const ManagedObjectModel& model_;
@@ -198,7 +203,7 @@ ManagedObjectContext::~ManagedObjectContext() {
 std::optional<ManagedObjects> ManagedObjectContext::fetch(std::string_view name,
                                                           const PredicatePtr& predicate, ErrorPtr* error) {
   const EntityDescription* entity = coordinator_->model()->entity(name);
-  const auto store = coordinator_->workingStore();
+  const auto store = useStore();
   if (entity == nullptr || !store) {
     setError(error, entity == nullptr ? noEntity(name) : noStore());
     return std::nullopt;
@@ -228,7 +233,7 @@ std::optional<ManagedObjects> ManagedObjectContext::fetch(std::string_view name,
 std::uint64_t ManagedObjectContext::count(std::string_view name, const PredicatePtr& predicate,
                                           ErrorPtr* error) {
   const EntityDescription* entity = coordinator_->model()->entity(name);
-  const auto store = coordinator_->workingStore();
+  const auto store = useStore();
   if (entity == nullptr || !store) {
     setError(error, entity == nullptr ? noEntity(name) : noStore());
     return kNotFound;
@@ -242,6 +247,7 @@ std::uint64_t ManagedObjectContext::count(std::string_view name, const Predicate
 ManagedObjectPtr ManagedObjectContext::insert(std::string_view name) {
   const EntityDescription* entity = coordinator_->model()->entity(name);
   if (entity == nullptr) return nullptr;
+  useStore();
   auto object = std::make_shared<ManagedObject>(ManagedObject::Key(), *entity, registry_);
   object->inserted_ = true;
   registry_->changes(*entity).inserted.push_back(object);
@@ -258,9 +264,21 @@ void ManagedObjectContext::remove(const ManagedObjectPtr& object) {
     changes.deleted.push_back(object);
 }
 
+void ManagedObjectContext::discardChanges(const ManagedObjectPtr& object) {
+  if (!object || object->registry_ != registry_) return;
+  if (object->inserted_) return remove(object);
+  auto& changes = registry_->changes(object->entity());
+  std::erase(changes.updated, object);
+  std::erase(changes.deleted, object);
+  object->changed_ = 0;
+  object->deleted_ = false;
+  object->fetched_ = 0;
+  refresh(object);
+}
+
 void ManagedObjectContext::refresh(const ManagedObjectPtr& object) {
   if (!object || object->registry_ != registry_ || object->rowNumber_ == 0) return;
-  const auto store = coordinator_->workingStore();
+  const auto store = useStore();
   if (!store) return;
   // Nothing can have changed since the last fetch while we hold the file's write lock.
   if (object->fetched_ == fetches_ && store->isWriting()) return;
@@ -269,13 +287,22 @@ void ManagedObjectContext::refresh(const ManagedObjectPtr& object) {
       object->entity(), object->rowNumber_, [&](const FetchedRow& row) { fetch.object(row); }, nullptr);
 }
 
+/// The working store. Objects of another one mean nothing in it: their row numbers are other rows'.
+std::shared_ptr<SQLiteStore> ManagedObjectContext::useStore() {
+  auto store = coordinator_->workingStore();
+  if (!store || storeIdentifier_ == store->identifier()) return store;
+  if (!storeIdentifier_.empty()) reset();
+  storeIdentifier_ = store->identifier();
+  return store;
+}
+
 bool ManagedObjectContext::hasChanges() const {
   return std::any_of(registry_->changes().begin(), registry_->changes().end(),
                      [](const auto& changes) { return !changes.empty(); });
 }
 
 bool ManagedObjectContext::save(ErrorPtr* error) {
-  const auto store = coordinator_->workingStore();
+  const auto store = useStore();
   if (!store)
     throw ObjectStoreException("NSInternalInconsistencyException",
                                "There is no open event store to save the changes to.");
@@ -293,12 +320,14 @@ bool ManagedObjectContext::save(ErrorPtr* error) {
 
 void ManagedObjectContext::reset() {
   registry_->retire();
+  storeIdentifier_.clear();
   registry_ = std::make_shared<ObjectRegistry>(*coordinator_->model());
 }
 
 ManagedObjectContext::WriteScope::WriteScope(ManagedObjectContext& context)
     : store_(context.coordinator_->workingStore()) {
-  if (store_ && !store_->beginWriting(nullptr)) store_ = nullptr;
+  // Inside another scope that one ends it.
+  if (store_ && (store_->isWriting() || !store_->beginWriting(nullptr))) store_ = nullptr;
 }
 
 ManagedObjectContext::WriteScope::~WriteScope() {

@@ -65,6 +65,8 @@ class ManagedObjectContext {
   ManagedObjectPtr insert(std::string_view entity);
   /// Marks the object deleted; its row goes at the next save. A new object is just forgotten.
   void remove(const ManagedObjectPtr& object);
+  /// Forgets what was set in the object, or its deletion, since the last save; a new object goes.
+  void discardChanges(const ManagedObjectPtr& object);
   /// Reads the object's row again; what was set in memory since the last save stays. An object whose row
   /// is gone keeps its values.
   void refresh(const ManagedObjectPtr& object);
@@ -96,11 +98,14 @@ class ManagedObjectContext {
   class Fetch;
   class Save;
 
+  std::shared_ptr<SQLiteStore> useStore();
+
   std::shared_ptr<PersistentStoreCoordinator> coordinator_;
   std::recursive_mutex mutex_;
   // Guarded by mutex_.
   std::shared_ptr<ObjectRegistry> registry_;
   std::uint64_t fetches_ = 0;
+  std::string storeIdentifier_;  // of the store that the objects belong to; empty before the first
 };
 
 }  // namespace qx

@@ -121,7 +121,11 @@ class ModelReader {
     const Value* toMany = values != nullptr ? values->find("toMany") : nullptr;
     const bool isToMany = toMany != nullptr && toMany->boolValue();
     property.kind = isToMany ? PropertyDescription::Kind::toMany : PropertyDescription::Kind::toOne;
-    if (isToMany) property.column.clear();
+    if (isToMany) {
+      property.column.clear();
+    } else {
+      property.ordinal = entity.toOneCount_++;
+    }
     if (const std::string* destination = textIn(source, "destination")) property.destination = *destination;
   }
 

@@ -24,6 +24,7 @@ struct PropertyDescription {
   AttributeType type = AttributeType::string;  // attributes only
   std::string destination;                     // relationships: name of the other entity
   std::string column;                          // "ZEVENTID"; none for a to-many relationship
+  std::size_t ordinal = 0;                     // position among the entity's to-one relationships
 };
 
 /// One kind of object: a table of the store. Immutable; any thread.
@@ -37,6 +38,7 @@ class EntityDescription {
   const std::vector<PropertyDescription>& properties() const { return properties_; }
   /// Position in properties(), or nothing for an unknown name.
   std::optional<std::size_t> indexOf(std::string_view name) const;
+  std::size_t toOneCount() const { return toOneCount_; }
   /// Lists of property names that the store keeps an index over.
   const std::vector<std::vector<std::string>>& indexes() const { return indexes_; }
   /// 16 bytes that change whenever name, attributes, types or relationships do.
@@ -49,6 +51,7 @@ class EntityDescription {
   std::string table_;
   std::vector<PropertyDescription> properties_;
   std::vector<std::vector<std::string>> indexes_;
+  std::size_t toOneCount_ = 0;
   Data versionHash_;
 };
 

@@ -6,13 +6,18 @@
 #include <cmath>
 #include <thread>
 
+#include "ObjectStore/GuardedVFS.h"
+
 namespace qx {
 
 namespace {
 
 // A store file is anyone's to write. What one row, or one statement over it, can cost is bounded here.
-constexpr int kMostBytesInAValue = 64 << 20;
+constexpr int kMostBytesInAValue = 128 << 20;
 constexpr std::size_t kMostKeptStatements = 100;
+// Pages kept in memory, at most, in KiB: enough that a thousand events added at once to a large store need
+// not be spilled to the file before the commit, which would lock readers out for that long.
+constexpr std::string_view kPageCache = "PRAGMA cache_size = -16384";
 constexpr auto kBusyPatience = std::chrono::seconds(10);
 
 /// Waits while another process has the file. Writers queue before they come here, so that what is waited
@@ -73,7 +78,7 @@ std::string_view columnBytes(sqlite3_stmt* statement, int column) {
 }  // namespace
 
 SQLiteStatement::SQLiteStatement(SQLiteStatement&& other) noexcept
-    : statement_(std::exchange(other.statement_, nullptr)), busy_(other.busy_) {}
+    : statement_(std::exchange(other.statement_, nullptr)), bound_(other.bound_), busy_(other.busy_) {}
 
 SQLiteStatement::~SQLiteStatement() {
   if (statement_ == nullptr) return;
@@ -86,42 +91,46 @@ SQLiteStatement::~SQLiteStatement() {
 }
 
 void SQLiteStatement::bind(int parameter, std::int64_t value) {
-  sqlite3_bind_int64(statement_, parameter, value);
+  noteBinding(sqlite3_bind_int64(statement_, parameter, value));
+}
+
+void SQLiteStatement::noteBinding(int result) {
+  if (bound_ == SQLITE_OK) bound_ = result;
 }
 
 void SQLiteStatement::bind(int parameter, const Value& value) {
   switch (value.kind()) {
     case Value::Kind::boolean:
     case Value::Kind::integer:
-      sqlite3_bind_int64(statement_, parameter, value.integerValue());
+      noteBinding(sqlite3_bind_int64(statement_, parameter, value.integerValue()));
       break;
     case Value::Kind::unsignedInteger:
     case Value::Kind::real:
-      sqlite3_bind_double(statement_, parameter, value.doubleValue());
+      noteBinding(sqlite3_bind_double(statement_, parameter, value.doubleValue()));
       break;
     case Value::Kind::date:
-      sqlite3_bind_double(statement_, parameter, value.asDate()->secondsSinceReferenceDate);
+      noteBinding(sqlite3_bind_double(statement_, parameter, value.asDate()->secondsSinceReferenceDate));
       break;
     case Value::Kind::string:
-      sqlite3_bind_text64(statement_, parameter, value.asString()->data(), value.asString()->size(),
-                          SQLITE_STATIC, SQLITE_UTF8);
+      noteBinding(sqlite3_bind_text64(statement_, parameter, value.asString()->data(),
+                                      value.asString()->size(), SQLITE_STATIC, SQLITE_UTF8));
       break;
     case Value::Kind::data: {
       const std::string_view bytes = value.asData()->bytes();
-      sqlite3_bind_blob64(statement_, parameter, bytes.empty() ? "" : bytes.data(), bytes.size(),
-                          SQLITE_STATIC);
+      noteBinding(sqlite3_bind_blob64(statement_, parameter, bytes.empty() ? "" : bytes.data(), bytes.size(),
+                                      SQLITE_STATIC));
       break;
     }
     case Value::Kind::null:
     case Value::Kind::array:
     case Value::Kind::dictionary:
-      sqlite3_bind_null(statement_, parameter);
+      noteBinding(sqlite3_bind_null(statement_, parameter));
       break;
   }
 }
 
 int SQLiteStatement::step() {
-  return sqlite3_step(statement_);
+  return bound_ == SQLITE_OK ? sqlite3_step(statement_) : bound_;
 }
 
 std::int64_t SQLiteStatement::integer(int column) const {
@@ -174,15 +183,31 @@ std::unique_ptr<SQLiteConnection> SQLiteConnection::open(const std::string& path
       flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE;
       break;
   }
-  sqlite3* handle = nullptr;
-  const std::string name = mode == Mode::immutable ? immutableURI(path) : path;
-  const int result = sqlite3_open_v2(name.c_str(), &handle, flags, nullptr);
-  std::unique_ptr<SQLiteConnection> connection(new SQLiteConnection(handle, path));
-  const bool good = result == SQLITE_OK && connection->harden() &&
-                    (mode == Mode::immutable || connection->setJournalMode(journalMode));
-  if (good) return connection;
+  const auto openWith = [&](const char* vfs) {
+    sqlite3* handle = nullptr;
+    const std::string name = mode == Mode::immutable ? immutableURI(path) : path;
+    sqlite3_open_v2(name.c_str(), &handle, flags, vfs);
+    return std::unique_ptr<SQLiteConnection>(new SQLiteConnection(handle, path));
+  };
+  auto connection = openWith(guardedVFS());
+  bool isReady = connection->isOpen() && connection->harden() &&
+                 (mode == Mode::immutable || connection->setJournalMode(journalMode));
+  if (!isReady && mode == Mode::shared && journalMode.empty() && connection->isBusy()) {
+    // Somebody works on it with a log that is shared through memory: then so must we.
+    connection = openWith(nullptr);
+    isReady = connection->isOpen() && connection->harden() && connection->tune();
+  }
+  if (isReady) return connection;
   setError(error, connection->lastError(StoreOperation::open));
   return nullptr;
+}
+
+bool SQLiteConnection::isOpen() const {
+  return handle_ != nullptr && sqlite3_errcode(handle_) == SQLITE_OK;
+}
+
+bool SQLiteConnection::isBusy() const {
+  return handle_ != nullptr && sqlite3_errcode(handle_) == SQLITE_BUSY;
 }
 
 SQLiteConnection::~SQLiteConnection() {
@@ -204,17 +229,32 @@ bool SQLiteConnection::harden() {
   sqlite3_limit(handle_, SQLITE_LIMIT_ATTACHED, 0);
   sqlite3_busy_handler(handle_, waitWhileBusy, &busySince_);
   return execute("PRAGMA mmap_size = 0") && execute("PRAGMA cell_size_check = ON") &&
-         execute("PRAGMA synchronous = FULL") && execute("PRAGMA temp_store = MEMORY");
+         execute("PRAGMA temp_store = MEMORY");
 }
 
-/// Leaves write-ahead logging, should the file use it, without ever mapping its shared-memory file, which
-/// anyone could cut short under us: an exclusive locking mode has no need of that file. With no mode given
-/// the file stays as it is, and exclusive.
+/// What can only be set once the file has been looked at.
+bool SQLiteConnection::tune() {
+  return execute("PRAGMA synchronous = FULL") && execute(kPageCache);
+}
+
+/// With no mode given the file keeps its own. A write-ahead log is read, left or made in an exclusive locking
+/// mode, which needs none of the shared memory that the guarded VFS withholds; a file that goes on with one
+/// is ours alone while it is open.
 bool SQLiteConnection::setJournalMode(std::string_view journalMode) {
   if (!execute("PRAGMA locking_mode = EXCLUSIVE")) return false;
-  if (journalMode.empty()) return true;
-  return execute("PRAGMA journal_mode = " + std::string(journalMode)) &&
-         execute("PRAGMA locking_mode = NORMAL") && execute("SELECT COUNT(*) FROM sqlite_master");
+  const std::string wanted = journalMode.empty() ? "" : " = " + std::string(journalMode);
+  bool hasLog = false;
+  {
+    SQLiteStatement mode = prepare("PRAGMA journal_mode" + wanted);
+    if (!mode || mode.step() != SQLITE_ROW) return false;
+    hasLog = mode.value(0, AttributeType::string) == Value("wal");
+  }
+  return tune() && (hasLog || execute("PRAGMA locking_mode = NORMAL")) &&
+         execute("SELECT COUNT(*) FROM sqlite_master");
+}
+
+bool SQLiteConnection::isReadOnly() const {
+  return sqlite3_db_readonly(handle_, "main") == 1;
 }
 
 sqlite3_stmt* SQLiteConnection::compile(std::string_view sql) {

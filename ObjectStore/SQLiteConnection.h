@@ -29,7 +29,8 @@ class SQLiteStatement {
   explicit operator bool() const { return statement_ != nullptr; }
   sqlite3_stmt* get() const { return statement_; }
 
-  // Parameters count from 1. Strings and data are not copied: they must live until the statement goes.
+  // Parameters count from 1. Strings and data are not copied: they must live until the statement goes. What
+  // cannot be bound (it is too large) fails the next step.
   void bind(int parameter, const Value& value);
   void bind(int parameter, std::int64_t value);
   /// SQLite's result: SQLITE_ROW, SQLITE_DONE or a failure.
@@ -42,9 +43,11 @@ class SQLiteStatement {
 
  private:
   friend class SQLiteConnection;
+  void noteBinding(int result);
   SQLiteStatement(sqlite3_stmt* statement, bool* busy) : statement_(statement), busy_(busy) {}
   sqlite3_stmt* statement_;
-  bool* busy_;  // the cache entry's mark; null when the statement is our own
+  int bound_ = 0;  // SQLITE_OK, or what was wrong with a parameter
+  bool* busy_;     // the cache entry's mark; null when the statement is our own
 };
 
 /// One SQLite connection to a store file, set up for a file that anyone may have written.
@@ -71,6 +74,8 @@ class SQLiteConnection {
   /// Runs a statement that returns no rows, or whose rows do not matter.
   bool execute(std::string_view sql);
   bool inTransaction() const;
+  /// Whether the file could only be opened for reading.
+  bool isReadOnly() const;
   /// Rows changed by the last statement.
   int changes() const;
   const std::string& path() const { return path_; }
@@ -87,7 +92,10 @@ class SQLiteConnection {
   };
 
   SQLiteConnection(sqlite3* handle, std::string path) : handle_(handle), path_(std::move(path)) {}
+  bool isOpen() const;
+  bool isBusy() const;  // whether the last failure was that another process has the file
   bool harden();
+  bool tune();
   bool setJournalMode(std::string_view journalMode);
   sqlite3_stmt* compile(std::string_view sql);
   void dropIdleStatements();

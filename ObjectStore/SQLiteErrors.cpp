@@ -54,7 +54,8 @@ ErrorPtr storeError(int code, int system, StoreOperation operation, const std::s
       if (saving && code != SQLITE_CANTOPEN_SYMLINK) return refusedSave(kStoreNoWritePermission, path, words);
       return cannotOpen(code, system, path, words);
     case SQLITE_READONLY:
-      if (saving && code == SQLITE_READONLY_DBMOVED) return refusedSave(kStoreMissing, path, words);
+      if (code == SQLITE_READONLY_DBMOVED)
+        return Error::make(kSQLiteErrorDomain, code, details(path, words, nullptr));
       [[fallthrough]];
     case SQLITE_PERM:
     case SQLITE_AUTH:

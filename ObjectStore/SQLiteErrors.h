@@ -28,7 +28,6 @@ inline constexpr std::int64_t kStoreOfAnotherModel = 134100;
 ///   a symbolic link                             259
 ///   cannot open: missing / no right             260 / 257
 ///   no right: reading / saving                  257 / 134030 with 513 underneath
-///   file moved or removed while open, saving    134030 with 260 underneath
 ///   write I/O error                             778   (NSSQLiteErrorDomain)
 ///   constraint                                  19    (NSSQLiteErrorDomain)
 ///   anything else                               SQLite's own (extended) code in NSSQLiteErrorDomain

@@ -91,9 +91,10 @@ bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model,
 }
 
 bool checkSchema(SQLiteConnection& connection, ErrorPtr* error) {
+  // What a row of the schema says of itself is only text; the list of tables tells what SQLite made of it.
   SQLiteStatement rows = connection.prepare(
-      "SELECT type, name FROM sqlite_master WHERE type NOT IN ('table', 'index') "
-      "OR sql LIKE 'CREATE VIRTUAL%' LIMIT 1");
+      "SELECT type, name FROM pragma_table_list WHERE schema = 'main' AND type <> 'table' "
+      "UNION ALL SELECT type, name FROM sqlite_master WHERE type NOT IN ('table', 'index') LIMIT 1");
   const int result = rows ? rows.step() : SQLITE_ERROR;
   if (result == SQLITE_DONE) return true;
   if (result == SQLITE_ROW) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <map>
 
 #include "ObjectStore/PredicateSQL.h"
@@ -51,13 +52,13 @@ bool option(const Dictionary& options, std::string_view key) {
   return value != nullptr && value->boolValue();
 }
 
-/// The journal mode that the options ask for; "DELETE" when they ask for none. Empty for one we do not
-/// know: it becomes part of a statement.
+/// The journal mode that the options ask for; empty when they ask for none, and the file is to keep its own.
+/// Nothing for one we do not know: it becomes part of a statement.
 String journalMode(const Dictionary& options) {
   const Value* pragmas = options.find(kSQLitePragmasOption);
   const Dictionary* values = pragmas != nullptr ? pragmas->asDictionary() : nullptr;
   const Value* mode = values != nullptr ? values->find("journal_mode") : nullptr;
-  if (mode == nullptr) return "DELETE";
+  if (mode == nullptr) return "";
   for (const char* known : {"DELETE", "TRUNCATE", "PERSIST", "WAL"})
     if (*mode == Value(known)) return known;
   return std::nullopt;
@@ -85,7 +86,7 @@ struct SQLiteStore::EntitySQL {
   std::string columns;  // of the entity's own table, with t0 before each
   std::string insert;
   std::string remove;
-  std::string reserve;
+  std::string lastRow;  // the last row number that was handed out
   std::vector<FetchedRow::Part> parts;
 
   EntitySQL(const EntityDescription& entity, const ManagedObjectModel& model) {
@@ -115,10 +116,8 @@ struct SQLiteStore::EntitySQL {
     insert += ")";
     remove = "DELETE FROM " + table + " WHERE Z_PK = ?";
     // The table has the last word: a counter that is behind it, however that came, must not stop every add.
-    reserve =
-        "UPDATE Z_PRIMARYKEY SET Z_MAX = MAX(IFNULL(CAST(Z_MAX AS INTEGER), 0), "
-        "IFNULL((SELECT MAX(Z_PK) FROM " +
-        table + "), 0)) + ? WHERE Z_ENT = ? RETURNING Z_MAX";
+    lastRow = "SELECT MAX(IFNULL(CAST(Z_MAX AS INTEGER), 0), IFNULL((SELECT MAX(Z_PK) FROM " + table +
+              "), 0)) FROM Z_PRIMARYKEY WHERE Z_ENT = ?";
   }
 
   static std::string join(const EntityDescription& other, const std::string& alias,
@@ -193,6 +192,7 @@ std::shared_ptr<SQLiteStore> SQLiteStore::open(const ManagedObjectModelPtr& mode
   if (!connection) return nullptr;
   std::shared_ptr<SQLiteStore> store(new SQLiteStore(model, std::move(connection)));
   store->readOnly_ = readOnly;
+  store->journalMode_ = *mode;
   if (!store->validate(error)) return nullptr;
   if (readOnly) return store;
   // Only now is it known that the connection has the file that stands at the path.
@@ -350,8 +350,16 @@ bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql
     statement.bind(static_cast<int>(i) + 1, bindings[i]);
   const FetchedRow row(statement, entity, this->sql(entity).parts);
   int result = statement.step();
-  for (; result == SQLITE_ROW; result = statement.step())
-    if (row.rowNumber() > 0) handler(row);  // rows that we never write stand for no object
+  std::int64_t last = std::numeric_limits<std::int64_t>::min();
+  for (; result == SQLITE_ROW; result = statement.step()) {
+    // Pages of a crafted file may lead to each other, and to the same rows without end.
+    if (row.rowNumber() <= last) {
+      setError(error, storeError(kStoreCorrupt, path_, "rows of " + entity.name() + " come more than once"));
+      return false;
+    }
+    last = row.rowNumber();
+    if (last > 0) handler(row);  // rows that we never write stand for no object
+  }
   return result == SQLITE_DONE || fail(StoreOperation::read, error);
 }
 
@@ -390,16 +398,30 @@ bool SQLiteStore::isWriting() {
   return connection_->inTransaction();
 }
 
+/// A file that could only be read when it was opened may have been opened up since.
+void SQLiteStore::reopenForWriting() {
+  if (!Host::current().isWritable(path_) || !isCurrent()) return;
+  auto connection = SQLiteConnection::open(path_, SQLiteConnection::Mode::shared, journalMode_, nullptr);
+  if (connection && !connection->isReadOnly()) connection_ = std::move(connection);
+}
+
+bool SQLiteStore::isQueued() {
+  const std::lock_guard lock(mutex_);
+  return queued_;
+}
+
 bool SQLiteStore::beginWriting(ErrorPtr* error) {
   if (isWriting()) return true;
   if (readOnly_) {
     setError(error, storeError(SQLITE_READONLY, 0, StoreOperation::save, path_, "it was opened read-only"));
     return false;
   }
-  // The queue comes before the mutex: who waits there must not keep others from reading.
-  if (writersQueue_) writersQueue_->lock(kQueuePatience);
+  // The queue comes before the mutex: who waits there must not keep others from reading. Its place may still
+  // be ours, when SQLite took the last transaction back by itself.
+  if (writersQueue_ && !isQueued()) writersQueue_->lock(kQueuePatience);
   const std::lock_guard lock(mutex_);
   queued_ = writersQueue_ != nullptr;
+  if (connection_->isReadOnly()) reopenForWriting();
   SQLiteStatement begin = connection_->prepare("BEGIN IMMEDIATE");
   if (begin && begin.step() == SQLITE_DONE) return true;
   fail(StoreOperation::save, error);
@@ -426,16 +448,31 @@ void SQLiteStore::rollback() {
 std::optional<std::int64_t> SQLiteStore::reserveRowNumbers(const EntityDescription& entity,
                                                            std::int64_t count, ErrorPtr* error) {
   const std::lock_guard lock(mutex_);
-  SQLiteStatement statement = connection_->prepare(sql(entity).reserve);
-  if (statement) {
-    statement.bind(1, count);
-    statement.bind(2, std::int64_t{entity.number()});
-    const int result = statement.step();
-    if (result == SQLITE_ROW) return statement.integer(0);
+  const std::int64_t entityNumber = entity.number();
+  std::int64_t last = 0;
+  {
+    SQLiteStatement counter = connection_->prepare(sql(entity).lastRow);
+    if (counter) counter.bind(1, entityNumber);
+    const int result = counter ? counter.step() : SQLITE_ERROR;
     if (result == SQLITE_DONE) {
       setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers for " + entity.name()));
       return std::nullopt;
     }
+    if (result != SQLITE_ROW) {
+      fail(StoreOperation::save, error);
+      return std::nullopt;
+    }
+    last = counter.integer(0);
+  }
+  if (last > std::numeric_limits<std::int64_t>::max() - count) {
+    setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers left for " + entity.name()));
+    return std::nullopt;
+  }
+  SQLiteStatement update = connection_->prepare("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?");
+  if (update) {
+    update.bind(1, last + count);
+    update.bind(2, entityNumber);
+    if (update.step() == SQLITE_DONE) return last + count;
   }
   fail(StoreOperation::save, error);
   return std::nullopt;

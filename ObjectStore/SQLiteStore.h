@@ -106,6 +106,8 @@ class SQLiteStore : public PersistentStore {
   SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection);
   bool validate(ErrorPtr* error);
   bool probeTables(ErrorPtr* error);
+  bool isQueued();
+  void reopenForWriting();
   bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
                 const RowHandler& handler, ErrorPtr* error);
   bool fail(StoreOperation operation, ErrorPtr* error);
@@ -117,6 +119,7 @@ class SQLiteStore : public PersistentStore {
   std::vector<EntitySQL> sql_;  // by entity number
   std::string identifier_;
   bool readOnly_ = false;
+  std::string journalMode_;
   std::optional<FileIdentity> file_;  // the open file; none for a read-only store
 
   std::recursive_mutex mutex_;

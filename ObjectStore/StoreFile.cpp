@@ -18,6 +18,8 @@ namespace qx {
 namespace {
 
 constexpr std::string_view kUnfinishedSuffix = ".new";
+// A store is shared by all users from the moment it can be seen.
+constexpr mode_t kOpenToAll = 0666;
 constexpr std::time_t kUnfinishedAge = 3600;  // seconds after which nobody can still be at work on one
 
 /// Removes what makers that died left behind: `.NAME-UUID.new` files of more than an hour ago.
@@ -75,7 +77,17 @@ NewStoreFile::~NewStoreFile() {
   if (!moved_) ::unlink(temporary_.c_str());
 }
 
+/// The journal of a file that is gone belongs to nobody; SQLite would play it into ours.
+void NewStoreFile::removeOrphans() const {
+  struct stat status = {};
+  if (::lstat(path_.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) return;
+  for (const char* suffix : {"-journal", "-wal", "-shm"})
+    ::unlink((path_ + suffix).c_str());
+}
+
 bool NewStoreFile::moveIntoPlace(ErrorPtr* error) {
+  removeOrphans();
+  ::chmod(temporary_.c_str(), kOpenToAll);
   int problem = renameToFreeName(temporary_, path_);
   if (problem == EEXIST) {
     struct stat status = {};

@@ -30,10 +30,13 @@ class NewStoreFile {
   NewStoreFile& operator=(const NewStoreFile&) = delete;
 
   const std::string& temporaryPath() const { return temporary_; }
-  /// Never replaces a file (516); replaces a symbolic link. The file's name is on disk when it returns.
+  /// Never replaces a file (516); replaces a symbolic link, and clears away the side files of a store that is
+  /// gone. The file may be written by everybody (0666), and its name is on disk when it returns.
   bool moveIntoPlace(ErrorPtr* error);
 
  private:
+  void removeOrphans() const;
+
   std::string path_;
   std::string directory_;
   std::string temporary_;

@@ -42,7 +42,7 @@ std::optional<std::size_t> utf16Length(std::string_view text) {
 class Measure {
  public:
   bool add(const Value& value, std::size_t depth) {
-    ++objects;
+    if (++objects > PropertyListLimits{}.expandedValues) return refuse("so many values");
     switch (value.kind()) {
       case Value::Kind::null:
         return refuse("the null marker");
@@ -80,6 +80,9 @@ class Measure {
     }
     return "A property list cannot hold " + problem_ + where + '.';
   }
+
+  /// Whether a reader with the usual limits takes it; to be asked in the end.
+  bool fits() { return objectBytes <= PropertyListLimits{}.expandedBytes / 2 || refuse("so many bytes"); }
 
   std::uint64_t objects = 0;
   std::uint64_t objectBytes = 0;  // without references
@@ -307,7 +310,7 @@ class Writer {
 
 std::optional<std::string> writeBinaryPropertyList(const Value& value, ErrorPtr* error) {
   Measure measure;
-  if (!measure.add(value, 0)) {
+  if (!measure.add(value, 0) || !measure.fits()) {
     setError(error, Error::make(kCocoaErrorDomain, kPropertyListWriteInvalid, measure.problem()));
     return std::nullopt;
   }

@@ -31,6 +31,7 @@ struct FileStatus {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
   std::uint64_t size = 0;
+  std::uint64_t links = 1;  // names that lead to it
 };
 
 /// The machine: files, users, disk, processes. One real implementation (PosixHost); tests override
@@ -56,9 +57,9 @@ class Host {
   /// to look, else 256, and the POSIX error underneath.
   virtual std::optional<FileStatus> status(const std::string& path, ErrorPtr* error = nullptr) const = 0;
   /// Makes only the system calls that change something. The immutable flag is cleared before, and set
-  /// after, the permissions. A path whose last component is a symbolic link is refused (513). False, with
-  /// *error set, when anything could not be done; a file system without the flag counts as not immutable.
-  /// Never drops the record locks that this process holds on the file.
+  /// after, the permissions. A path whose last component is a symbolic link, and a file with a second name,
+  /// are refused (513). False, with *error set, when anything could not be done; a file system without the
+  /// flag counts as not immutable. Never drops the record locks that this process holds on the file.
   virtual bool setAttributes(const std::string& path, const FileAttributes& attributes,
                              ErrorPtr* error = nullptr) = 0;
   /// With `intermediate`, missing parents are made too (with default permissions), and a directory that is
@@ -68,7 +69,8 @@ class Host {
   /// Removes a file, a symbolic link (not its target) or a directory with all that is in it.
   virtual bool removeItem(const std::string& path, ErrorPtr* error = nullptr) = 0;
   /// Names in the directory, sorted; without those that begin with "." when `skipHidden`.
-  virtual std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path, bool skipHidden,
+  virtual std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
+                                                                      bool skipHidden,
                                                                       ErrorPtr* error = nullptr) const = 0;
   /// Free bytes (for ordinary users) of the file system that holds `path`.
   virtual std::optional<std::uint64_t> freeSize(const std::string& path, ErrorPtr* error = nullptr) const = 0;

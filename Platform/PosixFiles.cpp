@@ -46,13 +46,14 @@ int readStatus(int directory, const std::string& path, FileStatus* status) {
   if (hasNul(path)) return EINVAL;
   const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (directory == AT_FDCWD ? 0 : AT_EMPTY_PATH);
   struct statx found;
-  if (::statx(directory, path.c_str(), flags, STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE, &found) !=
-      0) {
+  if (::statx(directory, path.c_str(), flags, STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_NLINK,
+              &found) != 0) {
     return errno;
   }
   status->isDirectory = S_ISDIR(found.stx_mode);
   status->isRegular = S_ISREG(found.stx_mode);
   status->isSymbolicLink = S_ISLNK(found.stx_mode);
+  status->links = found.stx_nlink;
   status->immutable = (found.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
   status->permissions = found.stx_mode & kAllModeBits;
   status->device = ::makedev(found.stx_dev_major, found.stx_dev_minor);
@@ -107,6 +108,8 @@ int changeAttributes(const std::string& path, const FileAttributes& wanted) {
   FileStatus now;
   if (const int failed = readStatus(AT_FDCWD, path, &now)) return failed;
   if (now.isSymbolicLink) return ELOOP;
+  // A second name may be somebody's link to a file that is not ours to open up.
+  if (now.isRegular && now.links > 1) return EMLINK;
   const bool otherPermissions = wanted.permissions && *wanted.permissions != now.permissions;
   const bool immutableAtEnd = wanted.immutable.value_or(now.immutable);
   if (!otherPermissions && immutableAtEnd == now.immutable) return 0;
@@ -115,6 +118,7 @@ int changeAttributes(const std::string& path, const FileAttributes& wanted) {
   if (!item) return errno;
   if (const int failed = readStatus(item.get(), "", &now)) return failed;  // it may be another by now
   if (now.isSymbolicLink) return ELOOP;
+  if (now.isRegular && now.links > 1) return EMLINK;
   if (!now.isRegular && !now.isDirectory && wanted.immutable.value_or(false)) return EINVAL;
   const bool unlock = now.immutable && wanted.immutable && (otherPermissions || !immutableAtEnd);
   if (unlock) {
@@ -143,6 +147,8 @@ int makeDirectory(const std::string& path, bool intermediate) {
   if (parent.empty() || parent.size() >= path.size()) return ENOENT;
   const int failed = makeDirectory(parent, true);
   if (failed != 0 && failed != EEXIST) return failed;
+  // A narrow umask must not shut others out of what stands below.
+  if (failed == 0) ::chmod(parent.c_str(), 0755);
   return ::mkdir(path.c_str(), 0777) == 0 ? 0 : errno;
 }
 

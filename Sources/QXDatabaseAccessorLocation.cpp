@@ -24,6 +24,7 @@ const qx::FileAttributes kStoreFileAttributes{.permissions = 0666, .immutable = 
 
 constexpr std::int64_t kCorruptFileError = 259;
 constexpr std::int64_t kFileExistsError = 516;
+constexpr std::int64_t kOtherModelError = 134100;
 
 qx::Dictionary readOnlyOptions() {
   return {{std::string(qx::kReadOnlyPersistentStoreOption), true}};
@@ -105,7 +106,8 @@ qx::PersistentStorePtr QXDatabaseAccessor::createMissingStore(const std::string&
   QXLogInfo("File does not exist at path the required path[%{public}@]", path);
   if (host.fileExists(host.resolve(kLegacyEventStorePath))) {
     auto store = storeByMigratingFromLegacyEventStore(error);
-    removeLegacyEventStore();
+    // One of an earlier model version waits for a release that can read it.
+    if (store || loggedCode(*error) != kOtherModelError) removeLegacyEventStore();
     if (store) return store;
   }
 

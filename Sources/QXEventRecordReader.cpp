@@ -10,53 +10,86 @@ using qx::coordinator::unsigned32;
 
 namespace {
 
-void setIfNotEmpty(qx::String& field, const qx::Value& value) {
+const std::string* textUnlessEmpty(const qx::Value& value) {
   const std::string* const text = value.asString();
-  if (text != nullptr && !text->empty()) field = *text;
+  return text != nullptr && !text->empty() ? text : nullptr;
+}
+
+/// Past the end, where every value is null, for an attribute that the entity does not have.
+std::size_t position(const qx::EntityDescription& entity, std::string_view attribute) {
+  return entity.indexOf(attribute).value_or(entity.properties().size());
 }
 
 }  // namespace
 
 QXEventPtr QXStoreCoordinator::RecordReader::read(const qx::ManagedObject& row) {
-  auto event = std::make_shared<QXEvent>(row.value(kEventID).stringValue());
+  auto event = std::make_shared<QXEvent>(row.valueAt(attributesOf(row).eventID).stringValue());
   readEvent(*event, row);
   return event;
 }
 
 void QXStoreCoordinator::RecordReader::readEvent(QXEvent& event, const qx::ManagedObject& row) {
-  event.setReadStatus(row.value(kEventReadStatus).boolValue());
-  if (const qx::Date* const time = row.value(kEventTriggerTime).asDate()) event.m_pTriggerTime = *time;
-  event.setVersionNumber(row.value(kEventVersionNo).integerValue());
-  const qx::ManagedObjectPtr classRow = row.related(kEventClass);
-  if (classRow) readClass(event, *classRow);
-  event.setStatus({static_cast<std::uint64_t>(signed32(row.value(kEventCurrentState))),
-                   classRow ? unsigned32(classRow->value(kEventTotalStates)) : 0});
-  if (const std::string* const sourceID = row.value(kEventSourceID).asString()) {
+  const EventAttributes& at = attributesOf(row);
+  event.setReadStatus(row.valueAt(at.readStatus).boolValue());
+  if (const qx::Date* const time = row.valueAt(at.triggerTime).asDate()) event.m_pTriggerTime = *time;
+  event.setVersionNumber(row.valueAt(at.version).integerValue());
+  std::uint64_t totalStates = 0;
+  if (const qx::ManagedObjectPtr classRow = row.related(kEventClass)) {
+    const ClassDetails& details = detailsOf(*classRow);
+    take(event, details);
+    totalStates = details.totalStates;
+  }
+  event.setStatus({static_cast<std::uint64_t>(signed32(row.valueAt(at.currentState))), totalStates});
+  if (const std::string* const sourceID = row.valueAt(at.sourceID).asString()) {
     if (const QXEventSourcePtr& known = source(*sourceID)) event.m_pSource = known;
   }
-  if (const qx::Data* const info = row.value(kEventAdditionalInfo).asData()) event.mergeAdditionalInfo(*info);
+  if (const qx::Data* const info = row.valueAt(at.additionalInfo).asData()) event.mergeAdditionalInfo(*info);
 }
 
 void QXStoreCoordinator::RecordReader::readClass(QXEvent& event, const qx::ManagedObject& row) {
-  setIfNotEmpty(event.m_pClassID, row.value(kEventClassID));
-  setIfNotEmpty(event.m_pHandler, row.value(kEventHandler));
-  event.setSeverity(severity(row));
-  event.setStatus({0, unsigned32(row.value(kEventTotalStates))});
+  const ClassDetails& details = detailsOf(row);
+  take(event, details);
+  event.setStatus({0, details.totalStates});
 }
 
-std::int64_t QXStoreCoordinator::RecordReader::severity(const qx::ManagedObject& classRow) {
-  const auto [position, isNew] = severities_.try_emplace(&classRow);
-  if (isNew) position->second = coordinator_.severityOfClass(classRow);
-  return position->second;
+void QXStoreCoordinator::RecordReader::take(QXEvent& event, const ClassDetails& details) {
+  if (details.classID != nullptr) event.m_pClassID = *details.classID;
+  if (details.handler != nullptr) event.m_pHandler = *details.handler;
+  event.setSeverity(details.severity);
+}
+
+auto QXStoreCoordinator::RecordReader::attributesOf(const qx::ManagedObject& row) -> const EventAttributes& {
+  const qx::EntityDescription& entity = row.entity();
+  if (attributes_.entity == &entity) return attributes_;
+  attributes_ = {.entity = &entity,
+                 .eventID = position(entity, kEventID),
+                 .readStatus = position(entity, kEventReadStatus),
+                 .triggerTime = position(entity, kEventTriggerTime),
+                 .currentState = position(entity, kEventCurrentState),
+                 .version = position(entity, kEventVersionNo),
+                 .sourceID = position(entity, kEventSourceID),
+                 .additionalInfo = position(entity, kEventAdditionalInfo)};
+  return attributes_;
+}
+
+auto QXStoreCoordinator::RecordReader::detailsOf(const qx::ManagedObject& classRow) -> const ClassDetails& {
+  const auto [known, isNew] = classes_.try_emplace(&classRow);
+  if (isNew) {
+    known->second = {.classID = textUnlessEmpty(classRow.value(kEventClassID)),
+                     .handler = textUnlessEmpty(classRow.value(kEventHandler)),
+                     .severity = coordinator_.severityOfClass(classRow),
+                     .totalStates = unsigned32(classRow.value(kEventTotalStates))};
+  }
+  return known->second;
 }
 
 /// The source's record; null when the store has none, or it has no identifier.
 const QXEventSourcePtr& QXStoreCoordinator::RecordReader::source(const std::string& identifier) {
-  const auto [position, isNew] = sources_.try_emplace(identifier);
+  const auto [known, isNew] = sources_.try_emplace(identifier);
   if (isNew) {
-    position->second = coordinator_.sourceWithID(identifier);
-    const bool isNamed = position->second && !position->second->identifier().value_or("").empty();
-    if (!isNamed) position->second = nullptr;
+    known->second = coordinator_.sourceWithID(identifier);
+    const bool isNamed = known->second && !known->second->identifier().value_or("").empty();
+    if (!isNamed) known->second = nullptr;
   }
-  return position->second;
+  return known->second;
 }

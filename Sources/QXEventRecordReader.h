@@ -6,9 +6,9 @@
 
 #include "Sources/QXStoreCoordinator.h"
 
-/// Fills event records from rows. Remembers what the rows of one query share - the severity of a class, the
-/// record of a source - so that each is looked up once. Lives no longer than the rows it reads, under the
-/// accessor's lock.
+/// Fills event records from rows. Remembers what the rows of one query share - where their attributes stand,
+/// the details of a class, the record of a source - so that each is looked up once. Lives no longer than the
+/// rows it reads, under the accessor's lock.
 class QXStoreCoordinator::RecordReader {
  public:
   explicit RecordReader(QXStoreCoordinator& coordinator) : coordinator_(coordinator) {}
@@ -19,10 +19,26 @@ class QXStoreCoordinator::RecordReader {
   void readClass(QXEvent& event, const qx::ManagedObject& row);
 
  private:
-  std::int64_t severity(const qx::ManagedObject& classRow);
+  /// Positions of an event row's attributes among its entity's properties.
+  struct EventAttributes {
+    const qx::EntityDescription* entity = nullptr;
+    std::size_t eventID, readStatus, triggerTime, currentState, version, sourceID, additionalInfo;
+  };
+  /// A class row as its events' records take it.
+  struct ClassDetails {
+    const std::string* classID;  // null when there is none, or an empty one
+    const std::string* handler;
+    std::int64_t severity;
+    std::uint64_t totalStates;
+  };
+
+  const EventAttributes& attributesOf(const qx::ManagedObject& row);
+  const ClassDetails& detailsOf(const qx::ManagedObject& classRow);
+  static void take(QXEvent& event, const ClassDetails& details);
   const QXEventSourcePtr& source(const std::string& identifier);
 
   QXStoreCoordinator& coordinator_;
-  std::unordered_map<const qx::ManagedObject*, std::int64_t> severities_;
+  EventAttributes attributes_{};
+  std::unordered_map<const qx::ManagedObject*, ClassDetails> classes_;
   std::unordered_map<std::string, QXEventSourcePtr> sources_;
 };

@@ -53,6 +53,8 @@ struct QXEventSource::Observers {
       entry.observer(source, key, phase);
     } catch (const std::exception& exception) {
       QXLogInfo("Observer of an event source's %{public}@ failed [%{public}@]", key, exception.what());
+    } catch (...) {
+      QXLogInfo("Observer of an event source's %{public}@ failed", key);
     }
   }
 

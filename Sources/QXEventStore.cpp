@@ -112,13 +112,16 @@ bool QXEventStore::addEvent(const QXEventPtr& event, qx::ErrorPtr* error) {
   }
   QXLogInfo("Valid Event");
   QXStoreCoordinator& coordinator = QXStoreCoordinator::sharedInstance();
-  if (!coordinator.addEvent(event, error)) return false;
+  QXStoreCoordinator::AddedEvent added;
+  if (!coordinator.addEvent(event, error, &added)) return false;
   event->setAsPersistentlyStored(true);
   QXLogInfo("Event is added successfully");
-  const bool isBlocked = coordinator.isEventBlocked(event);
-  if (!isBlocked) coordinator.launchApplicationsWithArgument(*event->identifier());
-  postDirectly(qx::Array{*event->identifier()},
-               isBlocked ? QXEventStoreChangeAdded | QXEventStoreChangeBlocked : QXEventStoreChangeAdded);
+  if (!added.isBlocked && added.hasApplications) {
+    coordinator.launchApplicationsWithArgument(*event->identifier());
+  }
+  postDirectly(qx::Array{*event->identifier()}, added.isBlocked
+                                                    ? QXEventStoreChangeAdded | QXEventStoreChangeBlocked
+                                                    : QXEventStoreChangeAdded);
   return true;
 }
 
@@ -152,12 +155,12 @@ bool QXEventStore::saveEvent(const QXEventPtr& event, qx::ErrorPtr* error) {
     return refuse(error, QXEventStoreErrorInvalidEvent, kInvalidParameter);
   }
   QXStoreCoordinator& coordinator = QXStoreCoordinator::sharedInstance();
-  const std::int64_t mask = coordinator.modifiedEventValueKeys(event);
+  std::int64_t mask = 0;
+  const bool isSaved = coordinator.saveChangesOfEvent(event, &mask, error);
   if (mask == QXStoreCoordinator::kEventIsStale) return refuse(error, QXEventStoreErrorNotUpToDate, kStale);
   if (mask == QXStoreCoordinator::kEventIsMissing) {
     return refuse(error, QXEventStoreErrorNotInStore, kNotPresent);
   }
-  const bool isSaved = coordinator.saveEvent(event, error);
   if (!isSaved || mask == 0) return isSaved;
   QXLogInfo("Post notification for save");
   event->setVersionNumber(coordinator.storedVersionNumberForEvent(event));
@@ -178,7 +181,7 @@ bool QXEventStore::shouldBlock(bool block, const qx::String& eventWithClassID,
                                const QXEventSourcePtr& fromSource, qx::ErrorPtr* error) {
   QXStoreCoordinator& coordinator = QXStoreCoordinator::sharedInstance();
   const qx::String sourceID = fromSource ? fromSource->identifier() : std::nullopt;
-  if (!eventWithClassID && !sourceID) return refuse(error, QXEventStoreErrorInvalidEvent, kInvalidInputs);
+  if (!eventWithClassID && !fromSource) return refuse(error, QXEventStoreErrorInvalidEvent, kInvalidInputs);
   if (block) {
     QXLogInfo("Call for block of event class[%{public}@] from source [%{public}@]", eventWithClassID,
               sourceID);
@@ -231,12 +234,12 @@ std::vector<QXEventSourcePtr> QXEventStore::eventSources() {
   return QXStoreCoordinator::sharedInstance().eventSources();
 }
 
-bool QXEventStore::shouldApplicationAtPath(const qx::String& applicationAtPath,
-                                           bool beLaunchedOnEventCreation, qx::ErrorPtr* error) {
+bool QXEventStore::shouldApplicationAtPath(const qx::String& applicationAtPath, int beLaunchedOnEventCreation,
+                                           qx::ErrorPtr* error) {
   if (!applicationAtPath) return refuse(error, QXEventStoreErrorInvalidEvent, kInvalidParameter);
   QXStoreCoordinator& coordinator = QXStoreCoordinator::sharedInstance();
-  return beLaunchedOnEventCreation ? coordinator.storeApplicationPath(applicationAtPath, error)
-                                   : coordinator.removeApplicationPath(applicationAtPath, error);
+  return beLaunchedOnEventCreation == 1 ? coordinator.storeApplicationPath(applicationAtPath, error)
+                                        : coordinator.removeApplicationPath(applicationAtPath, error);
 }
 
 QXEventStoreStatus QXEventStore::status() {

@@ -11,6 +11,7 @@
 #include "Logging/EventStoreLog.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXESErrorProvider.h"
+#include "Sources/QXStoreChangeScope.h"
 #include "Sources/QXStoreCoordinatorSupport.h"
 #include "Sources/QXStoreSchema.h"
 
@@ -87,7 +88,7 @@ void QXStoreCoordinator::BatchMemo::didInsert(const qx::ManagedObjectPtr& row) {
 
 void QXStoreCoordinator::BatchMemo::willChange(const qx::ManagedObjectPtr& row) {
   const auto [position, isNew] = formerValues_.try_emplace(row);
-  if (!isNew) return;
+  if (!isNew || !row->hasChanges()) return;  // what was clean is clean again once its changes are forgotten
   for (const qx::PropertyDescription& property : row->entity().properties()) {
     if (property.kind != qx::PropertyDescription::Kind::attribute) continue;
     position->second.emplace_back(property.name, row->value(property.name));
@@ -109,6 +110,7 @@ void QXStoreCoordinator::BatchMemo::undo(QXDatabaseAccessor& accessor,
   std::for_each(inserted_.rbegin(), inserted_.rend(),
                 [&](const qx::ManagedObjectPtr& row) { accessor.removeObject(row); });
   for (const auto& [row, values] : formerValues_) {
+    if (values.empty()) accessor.context().discardChanges(row);
     for (const auto& [attribute, value] : values)
       row->setValue(attribute, value);
   }
@@ -162,8 +164,7 @@ bool QXStoreCoordinator::addEvents(const std::vector<QXEventPtr>& events, qx::Er
   qx::ErrorPtr failure = noStackError();
   if (QXDatabaseAccessor* const database = accessor()) {
     const std::lock_guard add(m_pLock);
-    const std::lock_guard lock(*database);
-    const qx::ManagedObjectContext::WriteScope scope(database->context());
+    const ChangeScope change(*this, *database);
     if (const qx::ErrorPtr refused = refuseEvents(events)) {
       qx::setError(error, refused);
       return false;

@@ -56,7 +56,7 @@ struct QXStoreCoordinator::BatchMemo {
   std::unordered_map<std::string, qx::ManagedObjectPtr> classes_;
   std::unordered_map<std::string, WrittenSource> sources_;
   std::vector<qx::ManagedObjectPtr> inserted_;  // events, classes and sources
-  // Class and source rows by attribute; nothing for those that the batch made.
+  // Class and source rows by attribute; nothing for those that the batch made and those that were clean.
   std::unordered_map<qx::ManagedObjectPtr, std::vector<std::pair<std::string, qx::Value>>> formerValues_;
   std::vector<std::pair<std::string, QXEventSourcePtr>> formerRecords_;  // of the source cache
 };

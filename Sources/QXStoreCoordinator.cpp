@@ -64,7 +64,10 @@ qx::ErrorPtr QXStoreCoordinator::noStackError() {
 
 qx::ManagedObjects QXStoreCoordinator::allObjects(std::string_view entity,
                                                   const qx::PredicatePtr& predicate) {
-  return accessor()->getManagedObjects(entity, predicate).value_or(qx::ManagedObjects());
+  qx::ErrorPtr failure;
+  auto objects = accessor()->context().fetch(entity, predicate, &failure);
+  if (!objects && !lookUpFailure_) lookUpFailure_ = failure;
+  return std::move(objects).value_or(qx::ManagedObjects());
 }
 
 qx::ManagedObjectPtr QXStoreCoordinator::firstObject(std::string_view entity,
@@ -118,6 +121,7 @@ qx::ManagedObjectPtr QXStoreCoordinator::genericClassFromInternalDatabase(const 
   if (known) {
     for (const auto& [attribute, value] : *known)
       row->setValue(attribute, value);
+    if (memo == nullptr) unsavedClasses_.push_back(row);
   } else {
     unsavedEmptyClass_ = row;
   }

@@ -74,8 +74,14 @@ class QXStoreCoordinator {
   /// Applies another process's change, keyed by attribute, to the process's record, when there is one.
   void setValuesForSourceWithId(const qx::String& identifier, const qx::Dictionary& fromDictionary);
 
+  /// What the store said of an event in the transaction that added it.
+  struct AddedEvent {
+    bool isBlocked = false;
+    bool hasApplications = false;  // whether any are registered to be launched
+  };
+
   // Event writes; the event has been validated.
-  bool addEvent(const QXEventPtr& event, qx::ErrorPtr* error = nullptr);
+  bool addEvent(const QXEventPtr& event, qx::ErrorPtr* error = nullptr, AddedEvent* added = nullptr);
   /// All of them or none, in one transaction. -999, with an item per refused event, before anything is
   /// written.
   bool addEvents(const std::vector<QXEventPtr>& events, qx::ErrorPtr* error = nullptr);
@@ -86,6 +92,9 @@ class QXStoreCoordinator {
   /// Copies what was changed in the record into its row, for saveEvent() to write: the change mask, or one
   /// of the two above.
   std::int64_t modifiedEventValueKeys(const QXEventPtr& event);
+  /// Both in one transaction, so that no other process saves or removes the event in between. The change
+  /// mask, or one of the two above, goes to *changes.
+  bool saveChangesOfEvent(const QXEventPtr& event, std::int64_t* changes, qx::ErrorPtr* error = nullptr);
   /// 0 for an event that is not stored.
   std::int64_t storedVersionNumberForEvent(const QXEventPtr& event);
 
@@ -149,6 +158,7 @@ class QXStoreCoordinator {
 
  private:
   struct BatchMemo;
+  class ChangeScope;
   class RecordReader;
 
   QXStoreCoordinator();
@@ -175,11 +185,15 @@ class QXStoreCoordinator {
   static void postSourceChange(const qx::String& sourceID, const qx::Dictionary& changedValues);
   void setValuesForFromEventObject(qx::ManagedObject& row, const QXEvent& event, BatchMemo* memo);
   void writeSourceOfEvent(const QXEvent& event, BatchMemo* memo);
-  bool insertAndSave(const QXEvent& event, qx::ErrorPtr* error);
+  bool insertAndSave(const QXEventPtr& event, qx::ErrorPtr* error, AddedEvent* added);
+  AddedEvent aboutToBeAdded(const QXEventPtr& event, QXDatabaseAccessor& accessor);
   qx::ErrorPtr refuseEvents(const std::vector<QXEventPtr>& events);
   bool saveBatch(const std::vector<QXEventPtr>& events, QXDatabaseAccessor& accessor, qx::ErrorPtr* error);
   static std::int64_t copyChanges(const QXEvent& event, qx::ManagedObject& row);
   static bool hasStoredInfo(const QXEvent& event, const qx::ManagedObject& row);
+  /// Takes back the generic rows that waited to be saved and that another process has saved meanwhile. With
+  /// other writers held off.
+  void dropClassesMadeElsewhere(QXDatabaseAccessor& accessor);
   std::vector<qx::PredicatePtr> wholeBlockPredicates();
   qx::PredicatePtr withoutPartialBlocks();
   bool launchApplication(const std::string& path, const std::string& argument);
@@ -188,5 +202,7 @@ class QXStoreCoordinator {
   std::atomic<QXDatabaseAccessor*> m_pDatabaseAccessor{nullptr};
   // Guarded by the accessor's lock.
   std::unordered_map<std::string, QXEventSourcePtr> m_pSourceDictionary;  // grows only
+  std::vector<std::weak_ptr<qx::ManagedObject>> unsavedClasses_;          // generic rows that look-ups made
+  qx::ErrorPtr lookUpFailure_;                          // the first since the present change began
   std::weak_ptr<qx::ManagedObject> unsavedEmptyClass_;  // the row made last for an unknown class
 };

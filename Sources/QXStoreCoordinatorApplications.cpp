@@ -10,6 +10,7 @@
 #include "Platform/Host.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXESErrorProvider.h"
+#include "Sources/QXStoreChangeScope.h"
 #include "Sources/QXStoreCoordinator.h"
 #include "Sources/QXStoreCoordinatorSupport.h"
 #include "Sources/QXStoreSchema.h"
@@ -53,8 +54,7 @@ bool QXStoreCoordinator::storeApplicationPath(const qx::String& path, qx::ErrorP
   qx::ErrorPtr failure;
   bool isStored = false;
   {
-    const std::lock_guard lock(*database);
-    const qx::ManagedObjectContext::WriteScope scope(database->context());
+    const ChangeScope change(*this, *database);
     const bool isKnown = firstObject(kDestinationAppEntity, equals(kDestinationAppPath, path)) != nullptr;
     const qx::ManagedObjectPtr row = isKnown ? nullptr : database->createManagedObject(kDestinationAppEntity);
     if (row) {
@@ -81,7 +81,7 @@ bool QXStoreCoordinator::removeApplicationPath(const qx::String& path, qx::Error
   qx::ErrorPtr failure;
   bool isSaved = false;
   {
-    const std::lock_guard lock(*database);
+    const ChangeScope change(*this, *database);
     const qx::ManagedObjectPtr row = firstObject(kDestinationAppEntity, equals(kDestinationAppPath, path));
     if (!row) return false;
     database->removeObject(row);

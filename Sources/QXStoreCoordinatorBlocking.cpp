@@ -4,6 +4,7 @@
 
 #include "Logging/EventStoreLog.h"
 #include "Sources/QXDatabaseAccessor.h"
+#include "Sources/QXStoreChangeScope.h"
 #include "Sources/QXStoreCoordinator.h"
 #include "Sources/QXStoreCoordinatorSupport.h"
 #include "Sources/QXStoreSchema.h"
@@ -57,8 +58,7 @@ bool QXStoreCoordinator::blockEventClass(const qx::String& classID, const qx::St
                                          qx::ErrorPtr*) {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) return false;
-  const std::lock_guard lock(*database);
-  const qx::ManagedObjectContext::WriteScope scope(database->context());
+  const ChangeScope change(*this, *database);
   if (firstObject(kBlockedEventEntity, pair(classID, fromSourceID))) return true;
   const qx::ManagedObjectPtr row = database->createManagedObject(kBlockedEventEntity);
   if (!row) return false;
@@ -72,7 +72,7 @@ bool QXStoreCoordinator::unblockEventClass(const qx::String& classID, const qx::
                                            qx::ErrorPtr*) {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) return false;
-  const std::lock_guard lock(*database);
+  const ChangeScope change(*this, *database);
   const qx::ManagedObjectPtr row = firstObject(kBlockedEventEntity, pair(classID, fromSourceID));
   if (!row) return false;
   database->removeObject(row);

@@ -15,6 +15,7 @@
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXESErrorProvider.h"
 #include "Sources/QXStoreBatch.h"
+#include "Sources/QXStoreChangeScope.h"
 #include "Sources/QXStoreCoordinator.h"
 #include "Sources/QXStoreCoordinatorSupport.h"
 #include "Sources/QXStoreSchema.h"
@@ -34,10 +35,21 @@ qx::Value storedInfo(const qx::Dictionary& additionalInfo) {
   return bytes ? qx::Value(qx::Data(std::move(*bytes))) : qx::Value();
 }
 
+/// An unsigned number as the store's signed columns keep it: the same 64 bits.
+std::int64_t asStored(std::uint64_t number) {
+  return static_cast<std::int64_t>(number);
+}
+
 void setText(qx::ManagedObject& row, std::string_view attribute, const qx::String& text) {
   const std::string* const present = row.value(attribute).asString();
   if (text ? present != nullptr && *present == *text : row.value(attribute).isNull()) return;
   row.setValue(attribute, textOrNull(text));
+}
+
+/// Selects the row of a class that belongs to no source.
+qx::PredicatePtr genericClass(const qx::Value& classID) {
+  return qx::coordinator::both(qx::coordinator::equals(kEventClassID, classID),
+                               qx::coordinator::equals(kSourceID, nullptr));
 }
 
 }  // namespace
@@ -76,7 +88,7 @@ void QXStoreCoordinator::setValuesForEventClass(qx::ManagedObject& classRow, con
   setText(classRow, kEventClassID, fromEventObject.classID());
   setText(classRow, kEventHandler, fromEventObject.handler());
   classRow.setValue(kEventSeverity, fromEventObject.severity());
-  classRow.setValue(kEventTotalStates, fromEventObject.status().length);
+  classRow.setValue(kEventTotalStates, asStored(fromEventObject.status().length));
 }
 
 void QXStoreCoordinator::setValuesForFromSourceObject(qx::ManagedObject& row, const QXEventSource& source) {
@@ -91,7 +103,7 @@ void QXStoreCoordinator::setValuesForFromSourceObject(qx::ManagedObject& row, co
 void QXStoreCoordinator::postSourceChange(const qx::String& sourceID, const qx::Dictionary& changedValues) {
   qx::Dictionary announced;
   for (const auto& [attribute, value] : changedValues) {
-    if (!value.isNull()) announced.set(attribute, value);  // a notification cannot carry the null marker
+    announced.set(attribute, value.isNull() ? "" : value);  // a notification cannot carry the null marker
   }
   qx::Dictionary userInfo{{std::string(QXEventStoreModifierUserName), qx::Host::current().userName()},
                           {std::string(kModifiedSourceDict), std::move(announced)}};
@@ -129,7 +141,7 @@ void QXStoreCoordinator::setValuesForFromEventObject(qx::ManagedObject& row, con
   row.setValue(kEventID, textOrNull(event.identifier()));
   row.setValue(kEventReadStatus, event.isRead());
   row.setValue(kEventTriggerTime, event.triggerTime() ? qx::Value(*event.triggerTime()) : qx::Value());
-  row.setValue(kEventCurrentState, event.status().location);
+  row.setValue(kEventCurrentState, asStored(event.status().location));
   row.setValue(kEventVersionNo, event.versionNumber());
   row.setRelated(kEventClass, eventClassManagedObjForEvent(event, memo));
   writeSourceOfEvent(event, memo);
@@ -138,13 +150,13 @@ void QXStoreCoordinator::setValuesForFromEventObject(qx::ManagedObject& row, con
   QXLogInfo("setValueForEvent:[%{public}@]", event.description());
 }
 
-bool QXStoreCoordinator::addEvent(const QXEventPtr& event, qx::ErrorPtr* error) {
+bool QXStoreCoordinator::addEvent(const QXEventPtr& event, qx::ErrorPtr* error, AddedEvent* added) {
   qx::ErrorPtr failure = noStackError();
   bool isSaved = false;
   {
     const std::lock_guard add(m_pLock);
     QXLogInfo("[QXStoreCordinator]lock acquired");
-    isSaved = insertAndSave(*event, &failure);
+    isSaved = insertAndSave(event, &failure, added);
     QXLogInfo("[QXStoreCordinator]Release lock");
     QXLogInfo("[QXStoreCordinator]Added successfully[%d]", isSaved);
     QXLogInfo("[QXStoreCordinator] Error [%{public}@]",
@@ -154,27 +166,59 @@ bool QXStoreCoordinator::addEvent(const QXEventPtr& event, qx::ErrorPtr* error) 
   return isSaved;
 }
 
-bool QXStoreCoordinator::insertAndSave(const QXEvent& event, qx::ErrorPtr* error) {
+bool QXStoreCoordinator::insertAndSave(const QXEventPtr& event, qx::ErrorPtr* error, AddedEvent* added) {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) return false;
-  const std::lock_guard lock(*database);
-  // From the first look-up to the save, so that no other process makes the same class or source meanwhile.
-  const qx::ManagedObjectContext::WriteScope scope(database->context());
+  const ChangeScope change(*this, *database);
   const qx::ManagedObjectPtr row = createObject(kEventEntity, nullptr);
   if (!row) return false;
-  setValuesForFromEventObject(*row, event, nullptr);
+  setValuesForFromEventObject(*row, *event, nullptr);
+  if (lookUpFailure_) {
+    // What was made for the event stands on look-ups that tell nothing.
+    *error = lookUpFailure_;
+    database->context().reset();
+    return false;
+  }
+  if (added != nullptr) *added = aboutToBeAdded(event, *database);
   return database->saveEventToStore(error);
+}
+
+/// Read in the transaction of the add: afterwards each of the two questions costs a transaction of its own.
+QXStoreCoordinator::AddedEvent QXStoreCoordinator::aboutToBeAdded(const QXEventPtr& event,
+                                                                  QXDatabaseAccessor& accessor) {
+  qx::ManagedObjectContext& context = accessor.context();
+  return {.isBlocked = context.count(kBlockedEventEntity, nullptr) != 0 && isEventBlocked(event),
+          .hasApplications = context.count(kDestinationAppEntity, nullptr) != 0};
+}
+
+bool QXStoreCoordinator::saveChangesOfEvent(const QXEventPtr& event, std::int64_t* changes,
+                                            qx::ErrorPtr* error) {
+  qx::ErrorPtr failure = noStackError();
+  *changes = 0;
+  if (QXDatabaseAccessor* const database = accessor()) {
+    const ChangeScope change(*this, *database);
+    *changes = modifiedEventValueKeys(event);
+    if (*changes == kEventIsMissing && lookUpFailure_) {
+      *changes = 0;
+      failure = lookUpFailure_;
+    } else if (*changes < 0) {
+      return false;
+    } else if (database->saveEventToStore(&failure)) {
+      return true;
+    }
+  }
+  if (error != nullptr) *error = generateError(failure);
+  return false;
 }
 
 bool QXStoreCoordinator::saveEvent(const QXEventPtr&, qx::ErrorPtr* error) {
   qx::ErrorPtr failure = noStackError();
-  bool isSaved = false;
   if (QXDatabaseAccessor* const database = accessor()) {
-    const std::lock_guard lock(*database);
-    isSaved = database->saveEventToStore(&failure);
+    const ChangeScope change(*this, *database);
+    if (database->saveEventToStore(&failure)) return true;
   }
-  if (!isSaved && error != nullptr) *error = generateError(failure);
-  return isSaved;
+  if (error != nullptr) *error = generateError(failure);
+  return false;
 }
 
 bool QXStoreCoordinator::removeEvent(const QXEventPtr& event, qx::ErrorPtr* error) {
@@ -182,11 +226,15 @@ bool QXStoreCoordinator::removeEvent(const QXEventPtr& event, qx::ErrorPtr* erro
   bool isSaved = false;
   bool isFound = false;
   if (QXDatabaseAccessor* const database = accessor()) {
-    const std::lock_guard lock(*database);
+    const ChangeScope change(*this, *database);
     const qx::ManagedObjectPtr row = managedObjectForEventWithID(event->identifier());
     isFound = row != nullptr;
-    database->removeObject(row);
-    isSaved = database->saveEventToStore(&failure);
+    if (lookUpFailure_) {
+      failure = lookUpFailure_;  // not found is not gone
+    } else {
+      database->removeObject(row);
+      isSaved = database->saveEventToStore(&failure);
+    }
   }
   if (isSaved) QXLogInfo("Event is deleted");
   // Whoever gives no slot asks only that the event be gone.
@@ -197,6 +245,19 @@ bool QXStoreCoordinator::removeEvent(const QXEventPtr& event, qx::ErrorPtr* erro
               *error ? qx::String((*error)->localizedDescription()) : std::nullopt);
   }
   return false;
+}
+
+void QXStoreCoordinator::dropClassesMadeElsewhere(QXDatabaseAccessor& accessor) {
+  std::erase_if(unsavedClasses_, [&](const auto& unsaved) {
+    const qx::ManagedObjectPtr row = unsaved.lock();
+    if (!row || !row->isValid() || !row->isInserted() || row->isDeleted()) return true;
+    // An event that waits too, after a failed add, may need it: then more than the context and we hold it.
+    if (row.use_count() > 2) return false;
+    const auto rows = accessor.context().fetch(kEventClassEntity, genericClass(row->value(kEventClassID)));
+    if (!rows || rows->empty() || rows->front() == row) return false;  // rows of the file come first
+    accessor.removeObject(row);
+    return true;
+  });
 }
 
 std::int64_t QXStoreCoordinator::modifiedEventValueKeys(const QXEventPtr& event) {
@@ -230,7 +291,7 @@ std::int64_t QXStoreCoordinator::copyChanges(const QXEvent& event, qx::ManagedOb
   if (current != static_cast<std::uint64_t>(state.integerValue()) &&
       current != static_cast<std::uint64_t>(signed32(state))) {
     QXLogInfo("Set the current state");
-    row.setValue(kEventCurrentState, current);
+    row.setValue(kEventCurrentState, asStored(current));
     QXLogInfo("Version number = [%ld]", version);
     changes |= QXEventStoreChangeCurrentState;
   }

@@ -14,7 +14,8 @@ endfunction()
 
 # Warnings, sanitizers and tidy for everything that is ours.
 add_library(qx_options INTERFACE)
-target_compile_options(qx_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ftemplate-backtrace-limit=0)
+target_compile_options(qx_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ftemplate-backtrace-limit=0
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 reports std::variant and std::optional members as maybe uninitialised when it inlines deeply.
   # and -Wrestrict on "text" + std::string.

@@ -116,7 +116,12 @@ TEST_F(PersistentStoreCoordinatorTest, LeavesWriteAheadLogging) {
     EXPECT_EQ(raw("PRAGMA journal_mode = WAL"), "wal");
     raw("INSERT INTO ZQXEVENT (ZEVENTID) VALUES ('in the log')");
   }
-  Stack stack(path_);
+  {
+    Stack stack(path_);
+    EXPECT_NE(stack.find("in the log"), nullptr) << "a file that nobody asks to change keeps its log";
+  }
+  EXPECT_EQ(RawDatabase(path_)("PRAGMA journal_mode"), "wal");
+  Stack stack(path_, nullptr, {{std::string(kSQLitePragmasOption), Dictionary{{"journal_mode", "DELETE"}}}});
   EXPECT_NE(stack.find("in the log"), nullptr);
   EXPECT_EQ(RawDatabase(path_)("PRAGMA journal_mode"), "delete");
 }

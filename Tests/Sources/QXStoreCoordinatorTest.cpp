@@ -501,6 +501,26 @@ TEST_F(CoordinatorTest, TranslatesFailuresByCodeAndByTheStateOfTheDisk) {
   EXPECT_EQ(translated({259, {}, true, 10, 0}), -998);
 }
 
+TEST_F(CoordinatorTest, TakesTheSeverityOfSpecialClassesFromTheirRows) {
+  const char* const special[] = {
+      "com.qx.printer.frontpanelevent.scan",
+      "com.qx.printer.state.devicestatus.attentionneeded.inreservemode",
+      "com.qx.printer.state.devicestatus.outputbinclosed",
+      "com.qx.printer.state.supply.installed.previouslyused.acknowledge",
+      "com.qx.printer.state.supply.status.defectivememory",
+      "com.qx.printer.state.supply.status.memorymissing",
+      "com.qx.printer.state.supply.status.unsupported",
+      "com.qx.printer.state.supply.installed.genuineqx",
+      "com.qx.printer.state.devicestatus.phastartupblocked",
+  };
+  for (const char* classID : special) {
+    const auto event = makeEvent(classID, classID);
+    event->setSeverity(9);
+    added(event);
+    EXPECT_EQ(QXEvent::eventWithEventID(classID)->severity(), 9) << classID;
+  }
+}
+
 TEST_F(CoordinatorTest, MeasuresFreeSpaceOnlyWithoutASlot) {
   ArrangedHost host;
   const ScopedHost scope(host);

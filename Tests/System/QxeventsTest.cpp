@@ -93,25 +93,6 @@ TEST_F(Qxevents, ExportsWhatItImportedAndReadsItBackUnchanged) {
   EXPECT_EQ(count(), "400");
 }
 
-TEST_F(Qxevents, ReadsBackTheSeverityOfSpecialClassesWhateverTheOrderOfIDs) {
-  // One set of details for the source: that of the last event. The first ID overrides, the second does not.
-  const auto line = [](char digit, int severity, const std::string& info) {
-    const std::string id = std::string(8, digit) + "-0000-4000-8000-000000000000";
-    return R"({"id":")" + id + R"(","class":"com.qx.printer.frontpanelevent.scan","severity":)" +
-           std::to_string(severity) + R"(,"handler":"h","state":1,"totalStates":1,)" +
-           R"("triggerTime":"2026-11-02T00:00:00Z","source":{"id":"s","name":"n"},"info":)" + info + "}\n";
-  };
-  ASSERT_EQ(
-      run({"import"}, {.input = line('B', 0, R"({"Event: Overridden Severity":7})") + line('A', 2, "{}")})
-          .exitCode,
-      0);
-  const auto first = run({"export"}).output;
-  EXPECT_TRUE(contains(first, R"("severity":7)") && contains(first, R"("severity":2)")) << first;
-  const TemporaryDirectory other;
-  ASSERT_EQ(runIn(other.path(), {"import"}, {.input = first}).exitCode, 0);
-  EXPECT_EQ(runIn(other.path(), {"export"}).output, first);
-}
-
 TEST_F(Qxevents, AddsTheGoodLinesBetweenBadOnesAndLeavesNoTraceOfTheBad) {
   auto bad = linesOf(contentOf(QX_BAD_EVENTS));
   const auto last = bad.back();

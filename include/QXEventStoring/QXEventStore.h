@@ -92,7 +92,9 @@ class QX_EXPORT QXEventStore {
   bool addEvents(const std::vector<QXEventPtr>& events, qx::ErrorPtr* error = nullptr);
   /// Stores what was changed in a fetched event: read status, current state, additional info. -994 when
   /// the store has a newer version of it (fetch it again), -995 when it is not there, -999 when the record
-  /// is invalid or detached. An unchanged event is no failure and is not announced.
+  /// is invalid or detached. An unchanged event is no failure and is not announced. After a save that failed
+  /// otherwise the change waits in memory and goes with the next save of this process; saving the same record
+  /// again gives -994 until then.
   bool saveEvent(const QXEventPtr& event, qx::ErrorPtr* error = nullptr);
   /// Removes a stored event and announces it. -999 as for saveEvent(). An event that is gone already gives
   /// -995 when `error` is given, and counts as removed when it is not.
@@ -119,10 +121,10 @@ class QX_EXPORT QXEventStore {
   /// Sources that have at least one event that is not blocked.
   std::vector<QXEventSourcePtr> eventSources();
 
-  /// Registers (true) an application, or removes it (false): it is started with "-eventID" and the ID when
-  /// an event is added that is not blocked, unless it is running. `applicationAtPath`: absolute path, or
-  /// null (-999).
-  bool shouldApplicationAtPath(const qx::String& applicationAtPath, bool beLaunchedOnEventCreation,
+  /// Registers an application (true, or 1 exactly), or removes it (any other number): it is started with
+  /// "-eventID" and the ID when an event is added that is not blocked, unless it is running.
+  /// `applicationAtPath`: absolute path, or null (-999).
+  bool shouldApplicationAtPath(const qx::String& applicationAtPath, int beLaunchedOnEventCreation,
                                qx::ErrorPtr* error = nullptr);
 
   /// Examines the store; writes nothing but the file's permissions.

@@ -1,0 +1,14 @@
+#pragma once
+
+namespace qx {
+
+/// Name of an SQLite VFS for files in a directory that anyone may write, made at first use. Like the system's
+/// own, except that
+/// - a journal or log beside the file that is no regular file is refused (SQLITE_CANTOPEN): opening a FIFO
+///   that somebody planted there would wait for ever;
+/// - no shared memory is offered, so that write-ahead logging works only with exclusive locking: the mapping
+///   of a "-shm" file that somebody cuts short under us would end the process.
+/// Null when SQLite has no memory for it. Any thread.
+const char* guardedVFS();
+
+}  // namespace qx

@@ -21,10 +21,10 @@ inline constexpr std::string_view kReadOnlyPersistentStoreOption = "NSReadOnlyPe
 /// Dictionary of SQLite pragmas: "journal_mode" ("DELETE", "TRUNCATE", "PERSIST", or "WAL", which keeps others
 /// out while the file is open). Without it the file keeps its mode.
 inline constexpr std::string_view kSQLitePragmasOption = "NSSQLitePragmasOption";
-/// true: a file of an earlier model version is brought up to the model when it is opened...
+/// true: a file of an earlier model version may be brought up to the model when it is opened...
 inline constexpr std::string_view kMigratePersistentStoresAutomaticallyOption =
     "NSMigratePersistentStoresAutomaticallyOption";
-/// ...by a mapping inferred from the two models.
+/// ...by a mapping inferred from the two models. No earlier model is known yet: such a file is refused.
 inline constexpr std::string_view kInferMappingModelAutomaticallyOption =
     "NSInferMappingModelAutomaticallyOption";
 

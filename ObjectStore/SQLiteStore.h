@@ -12,37 +12,11 @@
 
 #include "ObjectStore/PersistentStoreCoordinator.h"
 #include "ObjectStore/SQLiteConnection.h"
+#include "ObjectStore/SQLiteRows.h"
 #include "ObjectStore/StoreFile.h"
 #include "Platform/DirectoryLock.h"
 
 namespace qx {
-
-/// One row of a fetch, and of the tables that its to-one relationships lead to.
-class FetchedRow {
- public:
-  std::int64_t rowNumber() const { return statement_.integer(0); }
-  /// Fills `values` (one per property of the fetched entity).
-  void read(std::vector<Value>& values) const;
-  /// The row behind the relationship `property`; 0 when there is none.
-  std::int64_t relatedRowNumber(std::size_t property) const;
-  void readRelated(std::size_t property, std::vector<Value>& values) const;
-
- private:
-  friend class SQLiteStore;
-  struct Part {
-    std::size_t property;  // of the fetched entity
-    const EntityDescription* entity;
-    int firstColumn;
-  };
-  FetchedRow(const SQLiteStatement& statement, const EntityDescription& entity,
-             const std::vector<Part>& parts)
-      : statement_(statement), entity_(entity), parts_(parts) {}
-  const Part* part(std::size_t property) const;
-
-  const SQLiteStatement& statement_;
-  const EntityDescription& entity_;
-  const std::vector<Part>& parts_;
-};
 
 /// The rows of one store file. Layout: one table per entity, "Z" and its name in upper case, with Z_PK,
 /// Z_ENT, Z_OPT and a column per attribute and to-one relationship; Z_PRIMARYKEY with the last row number
@@ -101,8 +75,6 @@ class SQLiteStore : public PersistentStore {
   bool deleteRow(const EntityDescription& entity, std::int64_t row, ErrorPtr* error);
 
  private:
-  struct EntitySQL;
-
   SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection);
   bool validate(ErrorPtr* error);
   bool probeTables(ErrorPtr* error);

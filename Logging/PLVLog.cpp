@@ -13,6 +13,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <optional>
 
 namespace qx::log {
@@ -22,6 +23,7 @@ struct State {
   std::atomic<bool> enabled = false;  // whether `sink` is set; read without the mutex
   std::mutex mutex;
   std::shared_ptr<const Sink> sink;  // guarded by mutex
+  std::shared_mutex running;         // shared while a sink is called
 };
 
 /// Never destroyed: threads may log while the process ends.
@@ -296,16 +298,22 @@ bool isEnabled(const PLVLogCategoryDescriptor& /*descriptor*/, PLVLogType /*type
 void setSink(Sink sink) {
   auto replacement = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
   State& shared = state();
-  const std::lock_guard lock(shared.mutex);
-  shared.enabled.store(replacement != nullptr, std::memory_order_release);
-  shared.sink.swap(replacement);
+  {
+    const std::lock_guard lock(shared.mutex);
+    shared.enabled.store(replacement != nullptr, std::memory_order_release);
+    shared.sink.swap(replacement);
+  }
+  // Whoever called the old one has ended when nobody runs any more; a sink that replaces itself cannot wait.
+  if (SinkScope::inside()) return;
+  const std::unique_lock ended(shared.running);
 }
 
 void emit(const Message& message) {
   if (SinkScope::inside()) return;
+  State& shared = state();
+  const std::shared_lock running(shared.running);
   std::shared_ptr<const Sink> sink;
   {
-    State& shared = state();
     const std::lock_guard lock(shared.mutex);
     sink = shared.sink;
   }

@@ -110,8 +110,8 @@ std::string format(const Message& message);
 /// called on the thread that logs, possibly several at a time.
 using Sink = std::function<void(const Message&)>;
 
-/// Replaces the sink; an empty one ends all sending. A call of the former sink that has already begun may
-/// still be running when this returns. Any thread.
+/// Replaces the sink; an empty one ends all sending. Returns only after running calls of the former one have
+/// ended (unless called from inside it), so that what it uses may go afterwards. Any thread.
 void setSink(Sink sink);
 
 }  // namespace qx::log

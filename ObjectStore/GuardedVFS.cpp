@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -91,10 +92,21 @@ bool isPlanted(const char* path) {
 
 int open(sqlite3_vfs*, const char* path, sqlite3_file* file, int flags, int* outFlags) {
   auto* const guarded = new (file) GuardedFile{};  // pMethods null: nothing to close on failure
+  sqlite3_file* const system = guarded->system();
   constexpr int kSideFiles = SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_WAL | SQLITE_OPEN_SUPER_JOURNAL;
   if (path != nullptr && (flags & kSideFiles) != 0 && isPlanted(path)) return SQLITE_CANTOPEN;
-  const int result = systemVFS->xOpen(systemVFS, path, guarded->system(), flags, outFlags);
-  if (guarded->system()->pMethods != nullptr) guarded->base.pMethods = &kMethods;
+  int opened = 0;
+  int result = systemVFS->xOpen(systemVFS, path, system, flags, &opened);
+  // A journal of a user who died between making it and opening it up to the others. Whoever begins a journal
+  // holds the write lock, and a hot one was played back before: nobody needs this one.
+  constexpr int kNewJournal = SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_CREATE;
+  const bool isForeign = (flags & kNewJournal) == kNewJournal && (opened & SQLITE_OPEN_READONLY) != 0;
+  if (result == SQLITE_OK && isForeign && ::unlink(path) == 0) {
+    system->pMethods->xClose(system);
+    result = systemVFS->xOpen(systemVFS, path, system, flags, &opened);
+  }
+  if (outFlags != nullptr) *outFlags = opened;
+  if (system->pMethods != nullptr) guarded->base.pMethods = &kMethods;
   return result;
 }
 

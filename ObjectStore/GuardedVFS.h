@@ -6,6 +6,7 @@ namespace qx {
 /// own, except that
 /// - a journal or log beside the file that is no regular file is refused (SQLITE_CANTOPEN): opening a FIFO
 ///   that somebody planted there would wait for ever;
+/// - an empty journal that a user left who died before the others could write it is replaced;
 /// - no shared memory is offered, so that write-ahead logging works only with exclusive locking: the mapping
 ///   of a "-shm" file that somebody cuts short under us would end the process.
 /// Null when SQLite has no memory for it. Any thread.

@@ -53,6 +53,15 @@ TEST_F(HostileNeighbours, APipeInTheJournalsPlaceStopsNobodyForLong) {
   EXPECT_EQ(next.ask("count"), "count 2");
 }
 
+TEST_F(HostileNeighbours, AJournalThatOnlyItsDeadOwnerMayWriteStopsNobody) {
+  makeStore(1, "kept");
+  std::ofstream(beside("-journal")).close();
+  ::chmod(beside("-journal").c_str(), 0644);
+  auto worker = start(anotherUser());
+  EXPECT_EQ(worker.askAll("add 1 new"), "done");
+  EXPECT_FALSE(fs::exists(beside("-journal")));
+}
+
 TEST_F(HostileNeighbours, ALogThatIsCutShortEndsNoProcess) {
   makeStore(1, "kept");
   auto worker = start();

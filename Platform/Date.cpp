@@ -156,8 +156,9 @@ std::string Date::toRFC3339() const {
   if (isOutsideTheCalendar(secondsSinceReferenceDate)) return countOfSeconds(secondsSinceReferenceDate);
   const double whole = std::floor(secondsSinceReferenceDate);
   const auto milliseconds = static_cast<int>(std::lround((secondsSinceReferenceDate - whole) * 1000));
-  const auto calendar =
-      calendarOf(static_cast<std::int64_t>(whole) + milliseconds / 1000, milliseconds % 1000);
+  const auto seconds = static_cast<std::int64_t>(whole);
+  auto calendar = calendarOf(seconds + milliseconds / 1000, milliseconds % 1000);
+  if (!calendar) calendar = calendarOf(seconds, 999);  // the last millisecond has nothing to be rounded up to
   if (!calendar) return countOfSeconds(secondsSinceReferenceDate);
   const auto& [year, month, day, hour, minute, second, millisecond] = *calendar;
   std::array<char, 96> text{};

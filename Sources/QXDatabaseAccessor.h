@@ -66,6 +66,8 @@ class QX_EXPORT QXDatabaseAccessor {
   qx::ManagedObjectContext& context() { return *m_pContext; }
 
   bool isPersistentStoreCreated() const;
+  /// Why the store is not open; null when it is. lock() held.
+  const qx::ErrorPtr& openingError() const { return openingError_; }
   /// Whether the store's directories can be written, or made.
   bool isStoreWritable() const;
   /// Applies the store file's permissions and announces the file to the other processes.
@@ -133,6 +135,7 @@ class QX_EXPORT QXDatabaseAccessor {
   qx::ManagedObjectModelPtr m_pModel;
   std::shared_ptr<qx::PersistentStoreCoordinator> m_pCoordinator;
   qx::PersistentStorePtr m_Store;  // guarded by lock(); absent when opening failed
+  qx::ErrorPtr openingError_;      // guarded by lock()
   std::shared_ptr<qx::PersistentStoreCoordinator> eventClassStoreCoordinator;
   std::shared_ptr<qx::ManagedObjectContext> eventClassStoreContext;
   std::unique_ptr<EventClassCache>

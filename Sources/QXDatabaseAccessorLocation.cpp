@@ -81,6 +81,7 @@ void QXDatabaseAccessor::openCoordinated(const std::string& path, qx::ErrorPtr* 
   auto& host = qx::Host::current();
   host.coordinateWriting(host.resolve(kStoreDirectory), coordinationError,
                          [&] { m_Store = createPersistentStoreAtPath(path, error); });
+  openingError_ = m_Store ? nullptr : *error;
 }
 
 qx::PersistentStorePtr QXDatabaseAccessor::createPersistentStoreAtPath(const std::string& path,

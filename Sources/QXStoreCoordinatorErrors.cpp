@@ -18,14 +18,44 @@ enum FailureCode : std::int64_t {
   kConstraint = 19,    // SQLite: SQLITE_CONSTRAINT
   kWriteFailed = 778,  // SQLite: SQLITE_IOERR_WRITE
   kReadUnknown = 256,
+  kNoPermission = 257,
   kFileCorrupt = 259,
   kFileMissing = 260,
   kSaveFailed = 134030,
+  kOtherModel = 134100,
   kWriteNoPermission = 513,
 };
 
 constexpr double kFullBelowMegabytes = 1.0;
 constexpr double kBytesPerMegabyte = 1'000'000.0;
+
+/// The library's error of that code, with what lies underneath.
+qx::ErrorPtr explained(std::int64_t code, const qx::ErrorPtr& underlying) {
+  const qx::ErrorPtr error = QXESErrorProvider::errorWithCode(code);
+  return qx::Error::make(QXEventStoreErrorDomain, code,
+                         {.description = error->description(),
+                          .suggestion = error->suggestion(),
+                          .recoveryOptions = error->recoveryOptions(),
+                          .recoveryAttempter = error->recoveryAttempter(),
+                          .underlying = underlying,
+                          .items = {}});
+}
+
+/// The library's error for one of the store layer's, where there is one. Repairs nothing.
+qx::ErrorPtr explained(const qx::ErrorPtr& failure) {
+  if (failure->domain() != qx::kCocoaErrorDomain) return failure;
+  switch (failure->code()) {
+    case kNoPermission:
+      return explained(QXEventStoreErrorNoPermission, failure);
+    case kFileCorrupt:
+    case kOtherModel:
+      return explained(QXEventStoreErrorCorrupted, failure);
+    case kFileMissing:
+      return explained(QXEventStoreErrorMissing, failure);
+    default:
+      return failure;
+  }
+}
 
 bool storeFileExists() {
   return qx::Host::current().fileExists(QXDatabaseAccessor::storePath());
@@ -127,15 +157,21 @@ QXEventStoreStatus QXStoreCoordinator::status() {
     result.problem = noStackError();
     return result;
   }
-  result.writable = database->isStoreWritable();
+  result.writable =
+      database->isStoreWritable() && (!result.exists || qx::Host::current().isWritable(result.path));
   result.compatible = database->isStoreMetaDataCompatible(&result.problem);
-  if (!result.exists) {
-    result.problem = QXESErrorProvider::errorWithCode(QXEventStoreErrorMissing);
-  } else if (!result.writable) {
-    result.problem = QXESErrorProvider::errorWithCode(QXEventStoreErrorNoPermission);
-  }
   const std::lock_guard lock(*database);
   result.open = database->isPersistentStoreCreated();
+  if (!result.problem && !result.open) result.problem = database->openingError();
+  if (!result.exists) {
+    result.problem = explained(QXEventStoreErrorMissing, result.problem);
+  } else if (!result.writable) {
+    result.problem = explained(QXEventStoreErrorNoPermission, result.problem);
+  } else if (result.problem) {
+    result.problem = explained(result.problem);
+  } else if (!result.open) {
+    result.problem = QXESErrorProvider::errorWithCode(QXEventStoreErrorCorrupted);
+  }
   for (const std::string_view entity : {kEventEntity, kEventClassEntity, kSourceEntity,
                                         kLocalizedSourceEntity, kDestinationAppEntity, kBlockedEventEntity}) {
     qx::ErrorPtr failure;

@@ -269,7 +269,7 @@ TEST(Date, PrintsToTheMillisecondAndReadsThatBack) {
       {86399.9996, "2001-01-02T00:00:00.000Z"},
       {815289806.387, "2026-11-02T05:23:26.387Z"},
       {-63113904000, "0001-01-01T00:00:00.000Z"},
-      {252423993599.9999, "seconds since 2001: 252423993599.9999"},  // rounds to the year 10000
+      {252423993599.9999, "9999-12-31T23:59:59.999Z"},  // nothing to be rounded up to
       {1e300, "seconds since 2001: 1e+300"},
       {-kInfinity, "seconds since 2001: -inf"},
       {std::nan(""), "seconds since 2001: nan"},

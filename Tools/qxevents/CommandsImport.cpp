@@ -126,6 +126,13 @@ int runImport(const std::string& file) {
     complain(fmt::format("{}: {}", shownName, std::strerror(errno)));
     return kFailed;
   }
+  // Lines are not to blame for a store that cannot be used.
+  if (const auto problem = QXEventStore::sharedQXEventStore().status().problem) {
+    ::close(descriptor);
+    complain(*problem);
+    fmt::print(stderr, "added 0, refused 0\n");
+    return kFailed;
+  }
   const std::unique_ptr<const int, void (*)(const int*)> closer(&descriptor,
                                                                 [](const int* open) { ::close(*open); });
 
@@ -140,6 +147,10 @@ int runImport(const std::string& file) {
   const bool isComplete = import.run(&error);
   bar.clear();
   if (error != nullptr) complain(*error);
+  if (import.firstLineNotStored() != 0) {
+    complain(fmt::format("{}: stopped; the lines from {} on were not added", shownName,
+                         import.firstLineNotStored()));
+  }
   if (reader.error() != 0) complain(fmt::format("{}: {}", shownName, std::strerror(reader.error())));
   const auto& progress = import.progress();
   fmt::print(stderr, "added {}, refused {}\n", progress.added, progress.refused);
@@ -161,11 +172,16 @@ void addAddCommand(CLI::App& app, Context& context) {
   addText(add, "--source", options->sourceID, "ID of the device")->required();
   addText(add, "--source-name", options->sourceName, "Name of the device")->required();
   addText(add, "--handler", options->handler, "Event handler; a known class supplies it");
-  addInteger(add, "--severity", options->severity,
-             "0 information, 1 warning, 3 error; a known class supplies it, else 0");
+  addInteger(
+      add, "--severity", options->severity,
+      "0 information, 1 warning, 2 left to applications, 3 error; a known class supplies it, else 0. An\n"
+      "event read back tells its class's severity (0 for an unknown class), unless the information\n"
+      "overrides or reports one");
   addInteger(add, "--state", options->state, "Current state; 1 unless given", 0, kMaximumState);
   addInteger(add, "--total-states", options->totalStates,
-             "Number of states; a known class supplies it, else 1", 0, kMaximumTotalStates);
+             "Number of states; a known class supplies it, else 1. For the earlier events of this source\n"
+             "and class too, when it is not the class's",
+             0, kMaximumTotalStates);
   addTime(add, "--time", options->time, "When it happened (RFC 3339); now unless given");
   add.add_flag("--read", options->read, "The user has read it");
   addInfoJson(add, "--info-json", options->info, "Additional information, a JSON object");

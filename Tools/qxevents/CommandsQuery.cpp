@@ -67,7 +67,7 @@ int runExport(Context& context, const Filters& filters) {
 }
 
 void printTable(Context& context, const std::vector<QXEventPtr>& events) {
-  Table table({{"ID", 8, 4},
+  Table table({{"ID"},
                {"TIME", 17, 3},
                {"SEVERITY"},
                {"STATE"},

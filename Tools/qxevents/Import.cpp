@@ -114,7 +114,10 @@ bool Import::finish(Batch& batch, qx::ErrorPtr* error) {
   progress_.added += batch.added;
   progress_.refused += batch.refusals.size();
   report_.progress(progress_);
-  if (batch.failure != nullptr) qx::setError(error, batch.failure);
+  if (batch.failure != nullptr) {
+    qx::setError(error, batch.failure);
+    firstLineNotStored_ = batch.lines.empty() ? 0 : batch.lines.front();
+  }
   return batch.failure == nullptr && !batch.hasInputFailed;
 }
 

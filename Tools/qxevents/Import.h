@@ -43,6 +43,8 @@ class Import {
   bool run(qx::ErrorPtr* error);
 
   const Progress& progress() const { return progress_; }
+  /// Where a failure of the store ended the import; 0 when none did.
+  std::uint64_t firstLineNotStored() const { return firstLineNotStored_; }
 
  private:
   struct Refusal {
@@ -69,6 +71,7 @@ class Import {
   Report report_;
   EventBuilder builder_;
   Progress progress_;
+  std::uint64_t firstLineNotStored_ = 0;
 };
 
 }  // namespace qxevents

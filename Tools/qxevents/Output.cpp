@@ -77,6 +77,7 @@ std::string errorText(const qx::Error& error) {
 
 void complain(const qx::Error& error, std::string_view subject) {
   complain(subject.empty() ? errorText(error) : fmt::format("{}: {}", subject, errorText(error)));
+  if (error.underlying() != nullptr) complain("because: " + errorText(*error.underlying()));
   if (error.suggestion() && !error.suggestion()->empty()) {
     static_cast<void>(writeAll(STDERR_FILENO, printable(*error.suggestion()) + "\n"));
   }

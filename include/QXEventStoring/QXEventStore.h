@@ -57,7 +57,7 @@ struct QXEventStoreStatus {
   std::string path;  // of the store file, under the volume root
   bool exists = false;
   bool open = false;                    // by this process
-  bool writable = false;                // the directories
+  bool writable = false;                // the directories, and the file when there is one
   bool compatible = false;              // the file was made for this library's model
   std::uint64_t size = 0;               // bytes
   std::optional<double> freeMegabytes;  // of 1,000,000 bytes, on the store's disk

@@ -101,7 +101,7 @@ int open(sqlite3_vfs*, const char* path, sqlite3_file* file, int flags, int* out
   // holds the write lock, and a hot one was played back before: nobody needs this one.
   constexpr int kNewJournal = SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_CREATE;
   const bool isForeign = (flags & kNewJournal) == kNewJournal && (opened & SQLITE_OPEN_READONLY) != 0;
-  if (result == SQLITE_OK && isForeign && ::unlink(path) == 0) {
+  if (result == SQLITE_OK && isForeign && path != nullptr && ::unlink(path) == 0) {
     system->pMethods->xClose(system);
     result = systemVFS->xOpen(systemVFS, path, system, flags, &opened);
   }

@@ -13,8 +13,8 @@
 #include <limits>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <optional>
+#include <shared_mutex>
 
 namespace qx::log {
 namespace {

@@ -18,8 +18,8 @@ inline constexpr std::string_view kSQLiteStoreType = "SQLite";
 // Options of a store: a dictionary of these.
 /// true: nothing is ever written to the file, nor beside it.
 inline constexpr std::string_view kReadOnlyPersistentStoreOption = "NSReadOnlyPersistentStoreOption";
-/// Dictionary of SQLite pragmas: "journal_mode" ("DELETE", "TRUNCATE", "PERSIST", or "WAL", which keeps others
-/// out while the file is open). Without it the file keeps its mode.
+/// Dictionary of SQLite pragmas: "journal_mode" ("DELETE", "TRUNCATE", "PERSIST", or "WAL", which keeps
+/// others out while the file is open). Without it the file keeps its mode.
 inline constexpr std::string_view kSQLitePragmasOption = "NSSQLitePragmasOption";
 /// true: a file of an earlier model version may be brought up to the model when it is opened...
 inline constexpr std::string_view kMigratePersistentStoresAutomaticallyOption =

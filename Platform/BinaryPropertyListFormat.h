@@ -54,7 +54,8 @@ inline std::uint64_t readBigEndian(const char* bytes, std::size_t size) {
   if (size == 1) return byteAt(0);  // small files are made of these two
   if (size == 2) return static_cast<unsigned>(byteAt(0) << 8U | byteAt(1));
   std::uint64_t number = 0;
-  for (std::size_t i = 0; i < size; ++i) number = number << 8U | byteAt(i);
+  for (std::size_t i = 0; i < size; ++i)
+    number = number << 8U | byteAt(i);
   return number;
 }
 

@@ -21,8 +21,8 @@ struct PropertyListLimits {
 /// or, past 2^63 - 1, 16 bytes, ASCII strings as bytes, all others as UTF-16, dictionaries in key order.
 /// Equal values of the same kinds give equal bytes (true, 1 and 1.0 are equal, but kept apart). Empty, with
 /// *error of NSCocoaErrorDomain 3851, for what a property list cannot hold: the null marker, a string that is
-/// not UTF-8, more (in depth, values or bytes) than the reader's limits let anyone read back. Format: as published in the comment of the open-source release of
-/// CFBinaryPList.c. Any thread.
+/// not UTF-8, more (in depth, values or bytes) than the reader's limits let anyone read back. Format: as
+/// published in the comment of the open-source release of CFBinaryPList.c. Any thread.
 std::optional<std::string> writeBinaryPropertyList(const Value& value, ErrorPtr* error = nullptr);
 
 /// Reads what writeBinaryPropertyList() or any other writer of the format made. Exact: every integer to 64

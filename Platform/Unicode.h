@@ -19,7 +19,8 @@ inline bool isASCII(std::string_view text) {
   constexpr std::uint64_t kHighBits = 0x8080808080808080U;
   if (text.size() < kWord) {
     unsigned seen = 0;
-    for (const char byte : text) seen |= static_cast<unsigned char>(byte);
+    for (const char byte : text)
+      seen |= static_cast<unsigned char>(byte);
     return seen < 0x80;
   }
   const auto wordAt = [text](std::size_t position) {

@@ -2,10 +2,10 @@
 
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <map>
+#include <utility>
 
 #include "ObjectStore/PredicateSQL.h"
 #include "ObjectStore/SQLiteSchema.h"

@@ -75,6 +75,7 @@ class Session {
     collect(run("manyWriters", disk_, storeFile(kStored.back()), kStored.back(), quick_), disk_,
             kStored.back());
     measurePropertyLists();
+    measureLogging();
     return document_;
   }
 
@@ -158,6 +159,18 @@ class Session {
                   .ours = line.at("cpu_time"),
                   .target = Target{Target::Subject::ours, false, target->second}}));
     }
+  }
+
+  /// From the program beside this one.
+  void measureLogging() {
+    const fs::path program = ownProgram().parent_path() / "qx_log_benchmark";
+    if (!fs::exists(program)) return;
+    std::cerr << "  logging\n";
+    const TemporaryDirectory directory(memory_.directory);
+    ChildProcess child(program, {directory.path()});
+    for (auto& figure : json::parse(child.readAll()))
+      document_["figures"].push_back(std::move(figure));
+    child.wait();
   }
 
   static constexpr std::array<std::uint64_t, 2> kStored{1000, 100'000};

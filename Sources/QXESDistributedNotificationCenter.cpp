@@ -73,7 +73,7 @@ void QXESDistributedNotificationCenter::handleNotification(const qx::Dictionary&
   const qx::Value* const mask = userInfo.find(QXEventStoreChangeKey);
   const qx::Value* const eventID = userInfo.find(QXEventStoreChangedEventIDKey);
   if (mask == nullptr || !mask->isNumber() || eventID == nullptr || eventID->asString() == nullptr) {
-    QXLogInfo("Announcement without change mask or event ID dropped [%{public}@]", userInfo);
+    QXLogInfo("Announcement without change mask or event ID dropped");
     return;
   }
   const std::lock_guard lock(m_pLock);

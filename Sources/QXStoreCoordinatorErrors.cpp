@@ -67,8 +67,8 @@ std::optional<double> QXStoreCoordinator::availableSpaceInDisk(std::string_view 
   if (error != nullptr) return std::nullopt;
   const qx::Host& host = qx::Host::current();
   const std::optional<std::uint64_t> free = host.freeSize(host.resolve(path));
-  QXLogInfo("Free Space [%{public}@]", free ? qx::Value(*free) : qx::Value());
   if (!free) return std::nullopt;
+  QXLogInfo("Free Space [%{public}@]", qx::Value(*free));
   return static_cast<double>(*free) / kBytesPerMegabyte;
 }
 

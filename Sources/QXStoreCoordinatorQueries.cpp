@@ -42,12 +42,15 @@ constexpr std::array<std::string_view, 9> kReplacements{
     kIsEventSolved, kIsEventUnsolved,      kIsEventSolved,    kIsEventUnsolved,
 };
 
-/// The predicate over the model's key paths. Null, without an error, for no predicate; null with one when
-/// what the rewriting leaves cannot be read.
-qx::PredicatePtr rewrite(const qx::PredicatePtr& predicate, qx::ErrorPtr* error) {
-  if (!predicate) return nullptr;
-  return qx::Predicate::withFormat(
-      NSStringUUID::replaceArray(predicate->predicateFormat(), kPatterns, kReplacements), {}, error);
+/// The text of the predicate over the model's key paths; nothing for no predicate.
+qx::String rewrittenText(const qx::PredicatePtr& predicate) {
+  if (!predicate) return std::nullopt;
+  return NSStringUUID::replaceArray(predicate->predicateFormat(), kPatterns, kReplacements);
+}
+
+/// Null, without an error, for no text; null with one when it cannot be read.
+qx::PredicatePtr readPredicate(const qx::String& text, qx::ErrorPtr* error) {
+  return text ? qx::Predicate::withFormat(*text, {}, error) : nullptr;
 }
 
 qx::Value listOf(std::vector<std::string> texts) {
@@ -96,7 +99,9 @@ std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::eventsWithPredicate(
   }
   qx::ErrorPtr failure;
   std::vector<qx::PredicatePtr> conditions;
-  if (const qx::PredicatePtr rewritten = rewrite(predicate, &failure)) conditions.push_back(rewritten);
+  if (const qx::PredicatePtr rewritten = readPredicate(rewrittenText(predicate), &failure)) {
+    conditions.push_back(rewritten);
+  }
   if (failure) {
     qx::setError(error, failure);
     return std::nullopt;
@@ -111,12 +116,16 @@ std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::eventsWithPredicate(
     std::optional<qx::ManagedObjects> rows = database->getManagedObjects(
         kEventEntity, conditions.empty() ? nullptr : qx::Predicate::conjunction(std::move(conditions)),
         &failure);
-    if (!rows && failure && failure->code() == kInvalidRequest && database->isPersistentStoreCreated()) {
-      qx::setError(error, failure);  // the store is well; the predicate asks for what it does not have
-      return std::nullopt;
-    }
+    const bool isInvalidRequest = !rows && failure && failure->code() == kInvalidRequest;
     if (!rows) rows.emplace();
     QXLogInfo("EventManaged Objects count = [%lu]", rows->size());
+    if (isInvalidRequest && database->hasStore()) {  // which is well: the predicate asks for what it has not
+      if (error != nullptr) {
+        *error = failure;
+        QXLogInfo("Error Occured is ---->>[%{public}@]", *error);
+      }
+      return std::nullopt;
+    }
     removePartiallyBlocked(*rows, QXEventBlocks(partiallyBlockedManagedObjects()));
     result.reserve(rows->size());
     RecordReader reader(*this);
@@ -161,9 +170,9 @@ std::uint64_t QXStoreCoordinator::countOfEventsForPredicate(const qx::PredicateP
     return kFailed;
   };
   qx::ErrorPtr failure;
-  const qx::PredicatePtr rewritten = rewrite(predicate, &failure);
-  QXLogInfo("countOfEventsForPredicate[Replaced predicte][%{public}@]",
-            rewritten ? qx::String(rewritten->predicateFormat()) : std::nullopt);
+  const qx::String text = rewrittenText(predicate);
+  QXLogInfo("countOfEventsForPredicate[Replaced predicte][%{public}@]", text);
+  const qx::PredicatePtr rewritten = readPredicate(text, &failure);
   if (failure) return refuse(failure);
 
   std::uint64_t count = 0;
@@ -173,9 +182,13 @@ std::uint64_t QXStoreCoordinator::countOfEventsForPredicate(const qx::PredicateP
     const qx::PredicatePtr notBlocked = withoutPartialBlocks();
     count = database->countOfManagedObjects(kEventEntity,
                                             rewritten ? both(rewritten, notBlocked) : notBlocked, &failure);
-    isInvalidRequest = failure && failure->code() == kInvalidRequest && database->isPersistentStoreCreated();
+    isInvalidRequest = failure && failure->code() == kInvalidRequest && database->hasStore();
   }
-  if (isInvalidRequest) return refuse(failure);
+  if (isInvalidRequest) {
+    refuse(failure);
+    if (error != nullptr) QXLogInfo("Error Occured is ---->>[%{public}@]", *error);
+    return kFailed;
+  }
   if (error != nullptr && (failure || count == 0)) {
     *error = failure ? generateError(failure) : storeError();
     QXLogInfo("Error Occured is ---->>[%{public}@]", *error);

@@ -19,10 +19,14 @@
 #include <QXEventStoring/Platform/Bundle.h>
 
 #include "Logging/EventStoreLog.h"
+#include "Logging/JournalLog.h"
+#include "Logging/LogCategory.h"
+#include "Logging/LogSubsystem.h"
 #include "ObjectStore/ManagedObjectContext.h"
 #include "Platform/DistributedNotificationCenter.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXStoreSchema.h"
+#include "Tests/Support/LogSocket.h"
 #include "Tests/Support/VolumeRoot.h"
 
 namespace qx::test {
@@ -31,28 +35,35 @@ namespace fs = std::filesystem;
 
 inline constexpr std::string_view kTestApplication = "com.qx.tests";
 
-/// The text of every log line, in order, while it lives.
+/// The text of every log line, in order, while it lives: as the journal's socket receives them.
 class CollectedLines {
  public:
-  CollectedLines() {
-    log::setSink([this](const log::Message& message) {
-      const std::lock_guard guard(mutex_);
-      lines_.push_back(log::format(message));
-    });
+  explicit CollectedLines(LogSocket& journal) : journal_(journal) {
+    category().setLevel(PLVLogLevel::Info);
+    take();
   }
-  ~CollectedLines() { log::setSink({}); }
+  ~CollectedLines() { category().setLevel(PLVLogLevel::NotLoaded); }
   CollectedLines(const CollectedLines&) = delete;
   CollectedLines& operator=(const CollectedLines&) = delete;
 
   /// What came since the last call.
   std::vector<std::string> take() {
-    const std::lock_guard guard(mutex_);
-    return std::exchange(lines_, {});
+    const std::string end = "(taken " + std::to_string(++taken_) + ")";
+    QXLogInfo("%{public}@", end);
+    const auto isEnd = [&](const std::string& datagram) { return journalFields(datagram)["MESSAGE"] == end; };
+    EXPECT_TRUE(journal_.waitFor(isEnd));
+    std::vector<std::string> lines;
+    for (const auto& datagram : journal_.take())
+      lines.push_back(journalFields(datagram)["MESSAGE"]);
+    lines.pop_back();
+    return lines;
   }
 
  private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;  // guarded by mutex_
+  static LogCategory& category() { return LogSubsystem::categoryForContext(kEventStoreLog); }
+
+  LogSocket& journal_;
+  int taken_ = 0;
 };
 
 /// Every "File Updated" that is posted while it lives.
@@ -177,6 +188,7 @@ class AccessorTest : public ::testing::Test {
   }
 
   VolumeRoot root;
+  LogSocket journal{root.path() + std::string(log::kJournalSocketPath)};
 };
 
 }  // namespace qx::test

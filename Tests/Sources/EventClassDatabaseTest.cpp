@@ -124,8 +124,8 @@ TEST_F(EventClassDatabase, IsNotBuiltFromABadTable) {
     EXPECT_EQ(contentsOf(output), "former");
   }
   ASSERT_EQ(build(header + "\"a,\"\"b\",-1,h,2,\"one, two\"\r\n"), 0) << contentsOf(under("/stderr"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(root.path()), fs::directory_iterator()), 4)
-      << "Users, the table, the output, the standard error";
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path()), fs::directory_iterator()), 5)
+      << "run, Users, the table, the output, the standard error";
   const auto coordinator = std::make_shared<PersistentStoreCoordinator>(currentModel());
   ASSERT_TRUE(coordinator->addPersistentStore(kSQLiteStoreType, output,
                                               {{std::string(kReadOnlyPersistentStoreOption), true}}));

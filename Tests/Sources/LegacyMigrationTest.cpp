@@ -57,7 +57,7 @@ TEST_F(LegacyMigration, KeepsADirectoryWithOtherFiles) {
 
 TEST_F(LegacyMigration, StartsFreshWhenTheOldStoreIsDamaged) {
   writeFile(legacy(), std::string(10'000, 'x'));
-  CollectedLines lines;
+  CollectedLines lines(journal);
   EXPECT_TRUE(accessor().isPersistentStoreCreated());
   EXPECT_EQ(lines.take()[2], "Not nil");
   EXPECT_GT(eventClassCount(), 100U);

@@ -101,7 +101,7 @@ TEST_F(DatabaseAccessor, IsOneObjectForAllThreadsAndProcessesThatStartTogether) 
 }
 
 TEST_F(DatabaseAccessor, LogsTheStartThatMakesTheStore) {
-  CollectedLines lines;
+  CollectedLines lines(journal);
   accessor();
   const auto logged = lines.take();
   ASSERT_EQ(logged.size(), 5U) << Value(Array(logged.begin(), logged.end())).description();
@@ -115,7 +115,7 @@ TEST_F(DatabaseAccessor, LogsTheStartThatMakesTheStore) {
 
 TEST_F(DatabaseAccessor, LogsTheStartThatFindsTheStore) {
   placeSeed();
-  CollectedLines lines;
+  CollectedLines lines(journal);
   accessor();
   auto logged = lines.take();
   ASSERT_EQ(logged.size(), 5U) << Value(Array(logged.begin(), logged.end())).description();
@@ -150,7 +150,7 @@ TEST_F(DatabaseAccessor, RefusesALinkInTheStoresPlace) {
   fs::create_symlink(victim, store());
   const std::string before = contentsOf(victim);
 
-  CollectedLines lines;
+  CollectedLines lines(journal);
   EXPECT_FALSE(accessor().isPersistentStoreCreated());
   const auto logged = lines.take();
   EXPECT_EQ(logged[logged.size() - 3].find("error[persistent store is nil] "), 0U);
@@ -166,7 +166,7 @@ TEST_F(DatabaseAccessor, RefusesALinkInTheStoresPlace) {
 
 TEST_F(DatabaseAccessor, LogsASaveAndSaysSoWhenThereWasNothingToWrite) {
   accessor();
-  CollectedLines lines;
+  CollectedLines lines(journal);
   ErrorPtr error = Error::make("former", 1);
   EXPECT_TRUE(save(&error));
   EXPECT_EQ(error, nullptr);
@@ -180,7 +180,7 @@ TEST_F(DatabaseAccessor, LeavesAReplacedFileAloneWhenItSaves) {
   addApplication("/lost");
   ASSERT_NO_FATAL_FAILURE(replaceStoreByOtherModels());
   const std::string before = contentsOf(store());
-  CollectedLines lines;
+  CollectedLines lines(journal);
   ErrorPtr error;
   EXPECT_FALSE(save(&error));
   EXPECT_EQ(codeOf(error), 259);
@@ -215,7 +215,7 @@ TEST_F(DatabaseAccessor, TurnsAnExceptionOfTheSaveIntoAnError) {
   EXPECT_TRUE(accessor().removeCorruptedStore(nullptr));
   placeSeed();
   addApplication("/bin/true");
-  CollectedLines lines;
+  CollectedLines lines(journal);
   ErrorPtr error;
   EXPECT_FALSE(save(&error));
   EXPECT_EQ(error->domain(), kCocoaErrorDomain);
@@ -231,7 +231,7 @@ TEST_F(DatabaseAccessor, TurnsAnExceptionOfTheSaveIntoAnError) {
 TEST_F(DatabaseAccessor, ReportsFailedReadsToWhomAsksForErrors) {
   accessor();
   const std::lock_guard guard(accessor());
-  CollectedLines lines;
+  CollectedLines lines(journal);
   ErrorPtr error;
   EXPECT_TRUE(accessor().getManagedObjects(kDestinationAppEntity, nullptr, nullptr));
   EXPECT_EQ(lines.take(), Lines());
@@ -308,7 +308,7 @@ TEST_F(DatabaseAccessor, MakesAMissingStoreAgainAndSaysSo) {
   FileUpdates updates;
   const auto object = addApplication("/lost");
   fs::remove_all(under("/Users/Shared/QX"));
-  CollectedLines lines;
+  CollectedLines lines(journal);
   EXPECT_TRUE(accessor().handleError(134030));
   EXPECT_EQ(lines.take().front(), "Create new file==========>>>In handle error");
   EXPECT_EQ(updates.takeCodes(), Codes{134030});
@@ -336,7 +336,7 @@ TEST_F(DatabaseAccessor, OpensTheStoreAgainAfterOtherFailures) {
   FileUpdates updates;
   addApplication("/bin/true");
   EXPECT_TRUE(save());
-  CollectedLines lines;
+  CollectedLines lines(journal);
   EXPECT_TRUE(accessor().handleError(256));
   EXPECT_EQ(lines.take().front(), "Problem with permission");
   EXPECT_FALSE(accessor().handleError(259));
@@ -363,7 +363,7 @@ TEST_F(DatabaseAccessor, ClosesAndRemovesACorruptStore) {
   accessor();
   FileUpdates updates;
   writeFile(store(), "not a store at all");
-  CollectedLines lines;
+  CollectedLines lines(journal);
   EXPECT_TRUE(accessor().removeCorruptedStore(nullptr));
   EXPECT_EQ(lines.take(), (Lines{"Remove corrupted store", "Corrupted store in [removeCorruptedStore]"}));
   EXPECT_FALSE(fs::exists(store()));
@@ -414,7 +414,7 @@ TEST_F(DatabaseAccessor, OpensTheStoreAgainWhenAnotherProcessReplacedIt) {
       {"com.example.other", user, "text",
        "Error occured is[file does not exist [(null)] userinfo = [(null)]"},
   };
-  CollectedLines lines;
+  CollectedLines lines(journal);
   for (const auto& each : cases) {
     SCOPED_TRACE(each.object.value_or("(none)") + " " + each.user + " " + each.code.description());
     const auto object = addApplication("/unsaved");

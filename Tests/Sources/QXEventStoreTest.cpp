@@ -96,7 +96,7 @@ TEST_F(FacadeTest, RemovesAnUnknownEventOnlyForThoseWhoDoNotAsk) {
 TEST_F(FacadeTest, LogsTheStepsOfAnAdd) {
   store().countOfEventsWithPredicate(nullptr);
   const auto event = makeEvent("E1");
-  CollectedLines collected;
+  CollectedLines collected(journal);
   added(event);
   Texts lines;
   for (const std::string& line : collected.take()) {
@@ -363,7 +363,7 @@ TEST_F(FacadeTest, AppliesChangesOfSourcesBeforeItPassesThemOn) {
 
 TEST_F(FacadeTest, NamesNoUserInTheLog) {
   LocalChanges local;
-  CollectedLines collected;
+  CollectedLines collected(journal);
   for (const std::string& user : {Host::current().userName(), std::string("somebody")}) {
     local.after("app", {{"Current User Name", user}});
   }

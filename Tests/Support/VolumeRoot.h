@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -10,12 +11,13 @@
 
 namespace qx::test {
 
-/// A temporary directory with "Users/Shared" in it that stands for "/" in this process. Once per process,
-/// before the first use of the store.
+/// A temporary directory with "Users/Shared" in it that stands for "/" in this process, and for the home of
+/// its user's preferences. Once per process, before the first use of the store.
 class VolumeRoot {
  public:
   VolumeRoot() {
     std::filesystem::create_directories(path() + "/Users/Shared");
+    ::setenv("XDG_CONFIG_HOME", (path() + "/config").c_str(), 1);
     ErrorPtr error;
     if (!setVolumeRoot(path(), &error)) throw std::runtime_error("no volume root: " + error->summary());
   }

@@ -178,6 +178,7 @@ inline mode_t modeOf(const std::string& path) {
 class StoreMachine : public testing::Test {
  protected:
   StoreMachine() {
+    ::setenv("XDG_CONFIG_HOME", (root_ / "config").c_str(), 1);
     fs::create_directories(root_ / "Users/Shared");
     for (const char* const directory : {"", "Users"})
       ::chmod((root_ / directory).c_str(), 0755);
@@ -208,6 +209,8 @@ class StoreMachine : public testing::Test {
     ASSERT_EQ(worker.askAll("add " + std::to_string(count) + " " + prefix), "done");
     ASSERT_EQ(worker.finish(), 0);
   }
+
+  TemporaryDirectory root_;
 
   static void expectSound(const RawStore& store) {
     EXPECT_EQ(store.texts("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
@@ -247,8 +250,6 @@ class StoreMachine : public testing::Test {
       if (directory == directory.root_path()) return true;
     }
   }
-
-  TemporaryDirectory root_;
 };
 
 }  // namespace qx::test

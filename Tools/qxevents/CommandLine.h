@@ -56,5 +56,6 @@ void addShowCommand(CLI::App& app, Context& context);
 void addCatalogueCommands(CLI::App& app, Context& context);
 void addChangeCommands(CLI::App& app, Context& context);
 void addStatusCommand(CLI::App& app, Context& context);
+void addLogCommand(CLI::App& app, Context& context);
 
 }  // namespace qxevents

@@ -13,12 +13,6 @@
 namespace qxevents {
 namespace {
 
-std::string jsonString(std::string_view text) {
-  std::string json;
-  encodeString(json, text);
-  return json;
-}
-
 std::string sourceJson(const QXEventSource& source, std::size_t events) {
   std::string json = fmt::format("{{\"id\":{}", jsonString(source.identifier().value_or("")));
   const auto add = [&json](std::string_view name, const qx::String& value) {

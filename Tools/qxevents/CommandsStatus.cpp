@@ -9,12 +9,6 @@
 namespace qxevents {
 namespace {
 
-std::string jsonString(std::string_view text) {
-  std::string json;
-  encodeString(json, text);
-  return json;
-}
-
 std::string problemJson(const qx::Error& problem) {
   auto json = fmt::format("{{\"domain\":{},\"code\":{},\"description\":{}", jsonString(problem.domain()),
                           problem.code(), jsonString(problem.localizedDescription()));

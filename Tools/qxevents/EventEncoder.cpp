@@ -122,6 +122,12 @@ void encodeString(std::string& json, std::string_view text) {
   json += '"';
 }
 
+std::string jsonString(std::string_view text) {
+  std::string json;
+  encodeString(json, text);
+  return json;
+}
+
 void encodeInfo(std::string& json, const qx::Dictionary& info) {
   json += '{';
   bool isFirst = true;

@@ -50,6 +50,7 @@ void encodeEvent(std::string& line, const QXEvent& event, bool blocked);
 /// Appends `text` as a JSON string: valid UTF-8 (U+FFFD stands for what is none) without control characters
 /// and without what some readers take for a line end.
 void encodeString(std::string& json, std::string_view text);
+std::string jsonString(std::string_view text);
 void encodeValue(std::string& json, const qx::Value& value);
 /// The information as a whole: a plain object.
 void encodeInfo(std::string& json, const qx::Dictionary& info);

@@ -90,6 +90,7 @@ int runTool(int argc, char** argv) {
   addChangeCommands(app, context);
   addCatalogueCommands(app, context);
   addStatusCommand(app, context);
+  addLogCommand(app, context);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& end) {

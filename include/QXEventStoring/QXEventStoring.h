@@ -2,6 +2,7 @@
 
 // Everything that an application needs of the device-event store.
 #include <QXEventStoring/KVADeviceEvent.h>
+#include <QXEventStoring/PLVLogLevels.h>
 #include <QXEventStoring/Platform/Bundle.h>
 #include <QXEventStoring/Platform/Date.h>
 #include <QXEventStoring/Platform/Error.h>

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include <QXEventStoring/Platform/NotificationCenter.h>
+
+#include "Logging/PLVLogLevel.h"
+
+namespace qx::log {
+
+/// A level that is read from preferences when it is first asked for, and again after they changed. With
+/// unified logging a change is told by an observation, which clears the level. Otherwise the level is read
+/// again every minute for as long as it is used, and cleared when a minute passes in which nobody asks.
+/// Any thread.
+class CachedLogLevel {
+ public:
+  using Load = std::function<PLVLogLevel()>;
+  using Observe = std::function<Observation(std::function<void()> changed)>;
+
+  /// `load` reads the level; `observe` begins to watch what it is read from.
+  CachedLogLevel(Load load, Observe observe);
+  ~CachedLogLevel();
+  CachedLogLevel(const CachedLogLevel&) = delete;
+  CachedLogLevel& operator=(const CachedLogLevel&) = delete;
+
+  /// Never NotLoaded.
+  PLVLogLevel get() const {
+    State& state = *state_;
+    // Written only when it changes anything: every message of every thread comes through here.
+    if (state.synchronizationStopped.load(std::memory_order_relaxed)) state.synchronizationStopped = false;
+    const auto level = state.level.load(std::memory_order_acquire);
+    return level != PLVLogLevel::NotLoaded ? level : load();
+  }
+
+  void set(PLVLogLevel level);
+
+  /// Reads the level again in a minute, when it has been asked for by then.
+  void scheduleSynchronization();
+
+  /// For the child of a fork, where neither the observation nor the minute's task goes on: begins anew.
+  void abandon();
+
+ private:
+  struct State {
+    std::atomic<PLVLogLevel> level = PLVLogLevel::NotLoaded;
+    std::atomic<bool> synchronizationStopped = false;
+    std::mutex monitor;
+    Load read;
+    Observe observe;
+    bool observing = false;   // guarded by monitor
+    Observation observation;  // guarded by monitor
+  };
+
+  PLVLogLevel load() const;
+  static void store(State& state, PLVLogLevel level);
+  static void schedule(const std::shared_ptr<State>& state);
+  static void synchronize(const std::shared_ptr<State>& state);
+
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace qx::log

@@ -1,0 +1,43 @@
+#include "Logging/LogCategory.h"
+
+#include <utility>
+
+#include "Logging/LogSubsystem.h"
+#include "Logging/LogUserDefaults.h"
+#include "Logging/UnifiedLogging.h"
+
+LogCategory::LogCategory(const char* name, LogSubsystem& subsystem)
+    : name_(name),
+      subsystem_(subsystem),
+      log_(*this),
+      level_([this] { return subsystem_.levelForKey(preferenceKey()); },
+             [this](std::function<void()> changed) {
+               return subsystem_.userDefaults().observe(std::move(changed));
+             }) {}
+
+bool LogCategory::logsType(PLVLogType type) const {
+  if (type != PLVLogType::Info && type != PLVLogType::Debug) return true;
+  const auto letsThrough = [type](PLVLogLevel level) {
+    return level == PLVLogLevel::Debug || (level == PLVLogLevel::Info && type == PLVLogType::Info);
+  };
+  auto effective = level();
+  if (effective == PLVLogLevel::Inherit) effective = subsystem_.level();
+  if (letsThrough(effective)) return true;
+
+  const auto raises = [&](const LogUserDefaults& defaults) {
+    const auto level = defaults.logLevel();
+    if (effective >= level) return false;
+    effective = level;
+    return letsThrough(level);
+  };
+  if (raises(LogUserDefaults::applicationUserDefaults())) return true;
+  if (raises(LogUserDefaults::loggingUserDefaults())) return true;
+  return effective == PLVLogLevel::Inherit && qx::log::unifiedLogging();
+}
+
+bool LogCategory::isConfigured() const {
+  const auto isSet = [](PLVLogLevel level) { return level != PLVLogLevel::Inherit; };
+  return isSet(level()) || isSet(subsystem_.level()) ||
+         isSet(LogUserDefaults::applicationUserDefaults().logLevel()) ||
+         isSet(LogUserDefaults::loggingUserDefaults().logLevel());
+}

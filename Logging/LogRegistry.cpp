@@ -1,0 +1,87 @@
+// How the images of a process find each other's registry.
+//
+// An inline variable of default visibility becomes a unique symbol (STB_GNU_UNIQUE): the dynamic linker
+// gives all images one and the same, also those that were opened with RTLD_LOCAL and would not see each
+// other's symbols otherwise.
+#include "Logging/LogRegistry.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+#include <QXEventStoring/Platform/Export.h>
+
+#include "Logging/LogUserDefaults.h"
+
+extern "C" {
+/// The registry of the first image that was loaded; null before.
+inline QX_EXPORT constinit std::atomic<void*> com_qx_plv_loggingSubsystems = nullptr;
+}
+
+namespace qx::log {
+namespace {
+
+/// This image's. Never destroyed: threads may log while the process ends.
+LogRegistry& ownRegistry() {
+  static LogRegistry& registry = *new LogRegistry;
+  return registry;
+}
+
+// A child of fork() has none of the threads that watch preferences or are due to read them again, so its
+// levels begin anew. The lock is taken around the fork so that the child finds the tables whole.
+void beforeFork() {
+  ownRegistry().lock.lock();
+}
+
+void afterForkInParent() {
+  ownRegistry().lock.unlock();
+}
+
+void afterForkInChild() {
+  for (const auto& [name, subsystem] : ownRegistry().subsystems)
+    subsystem->abandonLevels();
+  LogUserDefaults::applicationUserDefaults().abandonLevel();
+  LogUserDefaults::loggingUserDefaults().abandonLevel();
+  ownRegistry().lock.unlock();
+}
+
+__attribute__((constructor)) void loadImage() {
+  LogSubsystem::load();
+}
+
+}  // namespace
+
+LogRegistry& sharedLogRegistry() {
+  auto* const first = static_cast<LogRegistry*>(com_qx_plv_loggingSubsystems.load(std::memory_order_acquire));
+  return first != nullptr && first->layout == LogRegistry::kLayout ? *first : ownRegistry();
+}
+
+}  // namespace qx::log
+
+void LogSubsystem::load() {
+  static const bool once = [] {
+    void* none = nullptr;
+    com_qx_plv_loggingSubsystems.compare_exchange_strong(none, &qx::log::ownRegistry());
+    // Made now, so that a child of fork() never meets them half made.
+    LogUserDefaults::applicationUserDefaults();
+    LogUserDefaults::loggingUserDefaults();
+    ::pthread_atfork(qx::log::beforeFork, qx::log::afterForkInParent, qx::log::afterForkInChild);
+    return true;
+  }();
+  static_cast<void>(once);
+}
+
+LogCategory& LogSubsystem::resolve(PLVLogCategoryDescriptor& context) {
+  load();
+  auto& registry = qx::log::sharedLogRegistry();
+  const std::lock_guard guard(registry.lock);
+  if (auto* const resolved = context.category().load()) return *resolved;
+  auto& subsystem = registry.subsystems[context.subsystemName()];
+  if (!subsystem) subsystem = std::make_unique<LogSubsystem>(context.subsystemName());
+  auto& category = subsystem->categories()[context.categoryName()];
+  if (!category) category = std::make_unique<LogCategory>(context.categoryName(), *subsystem);
+  context.category().store(category.get(), std::memory_order_release);
+  return *category;
+}

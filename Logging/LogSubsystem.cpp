@@ -1,0 +1,36 @@
+#include "Logging/LogSubsystem.h"
+
+#include <array>
+#include <utility>
+
+#include "Platform/Preferences.h"
+
+LogSubsystem::LogSubsystem(const char* name)
+    : name_(name),
+      userDefaults_(userDefaultsSuiteName()),
+      level_([this] { return levelForKey(kPLVLogLevelKey); },
+             [this](std::function<void()> changed) { return userDefaults_.observe(std::move(changed)); }) {}
+
+std::string LogSubsystem::userDefaultsSuiteName() const {
+  return std::string(name_) + ".logging";
+}
+
+PLVLogLevel LogSubsystem::levelForKey(std::string_view key) const {
+  static constexpr std::array kScopes{qx::PreferenceScope::currentUserCurrentHost,
+                                      qx::PreferenceScope::currentUserAnyHost,
+                                      qx::PreferenceScope::anyUserCurrentHost};
+  const auto suite = userDefaultsSuiteName();
+  auto level = PLVLogLevel::Inherit;
+  for (const auto scope : kScopes) {
+    const auto value = qx::preferenceValue(key, suite, scope);
+    level = com_qx_eventstoring_logLevelWithString(value ? value->stringValue() : std::nullopt);
+    if (level != PLVLogLevel::Inherit) break;
+  }
+  return level;
+}
+
+void LogSubsystem::abandonLevels() {
+  level_.abandon();
+  for (const auto& [name, category] : categories_)
+    category->abandonLevel();
+}

@@ -1,0 +1,16 @@
+#include "Logging/UnifiedLogging.h"
+
+#include "Logging/JournalLog.h"
+#include "Platform/Host.h"
+
+namespace qx::log {
+
+bool unifiedLogging() {
+  static const bool unified = [] {
+    const auto& host = Host::current();
+    return host.fileExists(host.resolve(kJournalSocketPath));
+  }();
+  return unified;
+}
+
+}  // namespace qx::log

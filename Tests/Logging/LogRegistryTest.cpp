@@ -1,0 +1,65 @@
+// Several real shared objects in one process, opened so that they do not see each other's symbols.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qx::test {
+namespace {
+
+class Image {
+ public:
+  explicit Image(const char* path) : handle_(::dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+    if (handle_ == nullptr) throw std::runtime_error(::dlerror());
+  }
+  template <typename Result>
+  Result call(const char* name) const {
+    return reinterpret_cast<Result (*)()>(::dlsym(handle_, name))();
+  }
+  void close() { ::dlclose(handle_); }
+
+ private:
+  void* handle_;
+};
+
+TEST(LogRegistry, IsSharedByEveryImageOfTheProcess) {
+  Image first(QX_FIRST_LOG_IMAGE);
+  const Image second(QX_SECOND_LOG_IMAGE);
+  ASSERT_NE(first.call<void*>("codeOfImage"), second.call<void*>("codeOfImage"));
+  void* const category = first.call<void*>("resolvedCategory");
+  EXPECT_EQ(category, second.call<void*>("resolvedCategory"));
+  EXPECT_EQ(second.call<void*>("resolvedOther"), first.call<void*>("resolvedOther"));
+  EXPECT_NE(category, first.call<void*>("resolvedOther"));
+
+  EXPECT_FALSE(second.call<bool>("logsDebug"));
+  first.call<void>("setDebugLevel");
+  EXPECT_TRUE(second.call<bool>("logsDebug"));
+
+  first.close();  // whose record is in use
+  EXPECT_TRUE(second.call<bool>("logsDebug"));
+  EXPECT_EQ(category, second.call<void*>("resolvedCategory"));
+}
+
+TEST(ConcurrentLogRegistry, GivesAllThreadsOfAllImagesOneCategory) {
+  const Image first(QX_FIRST_LOG_IMAGE);
+  const Image second(QX_SECOND_LOG_IMAGE);
+  std::array<void*, 8> found{};
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      threads.emplace_back([&, i] {
+        found.at(i) = (i % 2 != 0 ? first : second).call<void*>("resolvedCategory");
+        (i % 2 != 0 ? second : first).call<bool>("logsDebug");
+      });
+    }
+  }
+  for (void* const category : found)
+    EXPECT_EQ(category, found[0]);
+}
+
+}  // namespace
+}  // namespace qx::test

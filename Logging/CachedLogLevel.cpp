@@ -4,47 +4,65 @@
 #include <utility>
 #include <vector>
 
+#include "Logging/KeptErrno.h"
 #include "Logging/UnifiedLogging.h"
 #include "Platform/BackgroundLoop.h"
 
 namespace qx::log {
 
-CachedLogLevel::CachedLogLevel(Load load, Observe observe) : state_(std::make_shared<State>()) {
-  state_->read = std::move(load);
-  state_->observe = std::move(observe);
+CachedLogLevel::CachedLogLevel(Load load, Observe observe)
+    : read_(std::move(load)), observe_(std::move(observe)) {
+  begin();
 }
 
 CachedLogLevel::~CachedLogLevel() {
+  {
+    const std::lock_guard guard(state_->monitor);
+    state_->owner = nullptr;
+  }
   state_->observation.cancel();
 }
 
-PLVLogLevel CachedLogLevel::load() const {
+void CachedLogLevel::begin() {
+  state_ = std::make_shared<State>();
+  state_->owner = this;
+}
+
+PLVLogLevel CachedLogLevel::load() const noexcept {
+  const KeptErrno kept;
+  try {
+    return readNow();
+  } catch (...) {
+    return PLVLogLevel::Inherit;
+  }
+}
+
+PLVLogLevel CachedLogLevel::readNow() const {
   State& state = *state_;
   const std::lock_guard guard(state.monitor);
-  if (const auto level = state.level.load(); level != PLVLogLevel::NotLoaded) return level;
-  if (unifiedLogging()) {
-    // First watch, then read: a change in between clears what is stored below.
-    if (!std::exchange(state.observing, true)) {
-      state.observation = state.observe([weak = std::weak_ptr(state_)] {
-        if (const auto alive = weak.lock()) store(*alive, PLVLogLevel::NotLoaded);
-      });
-    }
-  } else {
-    state.synchronizationStopped = true;
+  if (const auto level = level_.load(); level != PLVLogLevel::NotLoaded) return level;
+  if (!unifiedLogging()) {
+    synchronizationStopped_ = true;
     schedule(state_);
+  } else if (!std::exchange(state.observing, true)) {
+    // First watch, then read: a change in between clears what is stored below.
+    state.observation = observe_([weak = std::weak_ptr(state_)] { clear(weak); });
   }
-  const auto level = state.read();
-  state.level.store(level, std::memory_order_release);
+  const auto level = read_();
+  level_.store(level, std::memory_order_release);
   return level;
 }
 
 void CachedLogLevel::set(PLVLogLevel level) {
-  store(*state_, level);
+  const std::lock_guard guard(state_->monitor);
+  if (level_ != level) level_ = level;
 }
 
-void CachedLogLevel::store(State& state, PLVLogLevel level) {
-  const std::lock_guard guard(state.monitor);
-  if (state.level != level) state.level = level;
+void CachedLogLevel::clear(const std::weak_ptr<State>& weak) {
+  const auto state = weak.lock();
+  if (!state) return;
+  const std::lock_guard guard(state->monitor);
+  if (state->owner != nullptr) state->owner->level_ = PLVLogLevel::NotLoaded;
 }
 
 void CachedLogLevel::scheduleSynchronization() {
@@ -52,29 +70,27 @@ void CachedLogLevel::scheduleSynchronization() {
 }
 
 void CachedLogLevel::schedule(const std::shared_ptr<State>& state) {
-  BackgroundLoop::shared().after(std::chrono::minutes(1), [weak = std::weak_ptr(state)] {
-    if (const auto alive = weak.lock()) synchronize(alive);
-  });
+  BackgroundLoop::shared().after(std::chrono::minutes(1), [weak = std::weak_ptr(state)] { synchronize(weak); });
 }
 
-void CachedLogLevel::synchronize(const std::shared_ptr<State>& state) {
-  const bool nobodyAsked = state->synchronizationStopped.exchange(true);
-  if (nobodyAsked) {
-    store(*state, PLVLogLevel::NotLoaded);
-    return;
-  }
-  store(*state, state->read());
-  schedule(state);
+void CachedLogLevel::synchronize(const std::weak_ptr<State>& weak) {
+  const auto state = weak.lock();
+  if (!state) return;
+  const std::lock_guard guard(state->monitor);
+  const auto* const owner = state->owner;
+  if (owner == nullptr) return;
+  const bool nobodyAsked = owner->synchronizationStopped_.exchange(true);
+  owner->level_ = nobodyAsked ? PLVLogLevel::NotLoaded : owner->read_();
+  if (!nobodyAsked) schedule(state);
 }
 
 void CachedLogLevel::abandon() {
-  auto fresh = std::make_shared<State>();
-  fresh->read = state_->read;
-  fresh->observe = state_->observe;
-  // The parent's state stays where it is: a thread that is not here any more may have been in the middle of
-  // it.
+  // The parent's state stays where it is: a thread that is not here any more may have been in the middle of it.
   static auto& abandoned = *new std::vector<std::shared_ptr<State>>;
-  abandoned.push_back(std::exchange(state_, std::move(fresh)));
+  abandoned.push_back(std::exchange(state_, nullptr));
+  level_ = PLVLogLevel::NotLoaded;
+  synchronizationStopped_ = false;
+  begin();
 }
 
 }  // namespace qx::log

@@ -26,12 +26,11 @@ class CachedLogLevel {
   CachedLogLevel(const CachedLogLevel&) = delete;
   CachedLogLevel& operator=(const CachedLogLevel&) = delete;
 
-  /// Never NotLoaded.
-  PLVLogLevel get() const {
-    State& state = *state_;
+  /// Never NotLoaded; Inherit when it could not be read for want of memory. Keeps errno.
+  PLVLogLevel get() const noexcept {
     // Written only when it changes anything: every message of every thread comes through here.
-    if (state.synchronizationStopped.load(std::memory_order_relaxed)) state.synchronizationStopped = false;
-    const auto level = state.level.load(std::memory_order_acquire);
+    if (synchronizationStopped_.load(std::memory_order_relaxed)) synchronizationStopped_ = false;
+    const auto level = level_.load(std::memory_order_acquire);
     return level != PLVLogLevel::NotLoaded ? level : load();
   }
 
@@ -44,21 +43,25 @@ class CachedLogLevel {
   void abandon();
 
  private:
+  /// What the observation and the tasks of the background loop hold on to.
   struct State {
-    std::atomic<PLVLogLevel> level = PLVLogLevel::NotLoaded;
-    std::atomic<bool> synchronizationStopped = false;
     std::mutex monitor;
-    Load read;
-    Observe observe;
+    CachedLogLevel* owner;    // guarded by monitor; null once it has gone
     bool observing = false;   // guarded by monitor
     Observation observation;  // guarded by monitor
   };
 
-  PLVLogLevel load() const;
-  static void store(State& state, PLVLogLevel level);
+  void begin();
+  PLVLogLevel load() const noexcept;
+  PLVLogLevel readNow() const;
+  static void clear(const std::weak_ptr<State>& weak);
   static void schedule(const std::shared_ptr<State>& state);
-  static void synchronize(const std::shared_ptr<State>& state);
+  static void synchronize(const std::weak_ptr<State>& weak);
 
+  const Load read_;
+  const Observe observe_;
+  mutable std::atomic<PLVLogLevel> level_ = PLVLogLevel::NotLoaded;  // written with the monitor held
+  mutable std::atomic<bool> synchronizationStopped_ = false;
   std::shared_ptr<State> state_;
 };
 

@@ -15,7 +15,7 @@ LogCategory::LogCategory(const char* name, LogSubsystem& subsystem)
                return subsystem_.userDefaults().observe(std::move(changed));
              }) {}
 
-bool LogCategory::logsType(PLVLogType type) const {
+bool LogCategory::logsType(PLVLogType type) const noexcept {
   if (type != PLVLogType::Info && type != PLVLogType::Debug) return true;
   const auto letsThrough = [type](PLVLogLevel level) {
     return level == PLVLogLevel::Debug || (level == PLVLogLevel::Info && type == PLVLogType::Info);
@@ -35,7 +35,7 @@ bool LogCategory::logsType(PLVLogType type) const {
   return effective == PLVLogLevel::Inherit && qx::log::unifiedLogging();
 }
 
-bool LogCategory::isConfigured() const {
+bool LogCategory::isConfigured() const noexcept {
   const auto isSet = [](PLVLogLevel level) { return level != PLVLogLevel::Inherit; };
   return isSet(level()) || isSet(subsystem_.level()) ||
          isSet(LogUserDefaults::applicationUserDefaults().logLevel()) ||

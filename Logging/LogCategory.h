@@ -30,10 +30,10 @@ class LogCategory {
   /// Whether the four levels let a message of `type` through. The category's own level counts, else its
   /// subsystem's; the application's and the maker-wide one can raise it. Default, Error and Fault always
   /// pass; Info and Debug do where nothing is configured with unified logging, which then decides itself.
-  bool logsType(PLVLogType type) const;
+  bool logsType(PLVLogType type) const noexcept;
 
   /// Whether any of the four levels is set.
-  bool isConfigured() const;
+  bool isConfigured() const noexcept;
 
   /// Where the category's lines go with unified logging.
   const qx::log::JournalLog& log() const { return log_; }

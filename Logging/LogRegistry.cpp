@@ -13,6 +13,7 @@
 
 #include <QXEventStoring/Platform/Export.h>
 
+#include "Logging/KeptErrno.h"
 #include "Logging/LogUserDefaults.h"
 
 extern "C" {
@@ -74,6 +75,7 @@ void LogSubsystem::load() {
 }
 
 LogCategory& LogSubsystem::resolve(PLVLogCategoryDescriptor& context) {
+  const qx::log::KeptErrno kept;
   load();
   auto& registry = qx::log::sharedLogRegistry();
   const std::lock_guard guard(registry.lock);

@@ -42,7 +42,7 @@ class LogSubsystem {
   static void load();
 
   /// The category that `context` names, the same object for every image of the process; made on first use
-  /// and never destroyed. Throws std::bad_alloc.
+  /// and never destroyed. Throws std::bad_alloc; keeps errno.
   static LogCategory& categoryForContext(PLVLogCategoryDescriptor& context) {
     auto* const resolved = context.category().load(std::memory_order_acquire);
     return resolved != nullptr ? *resolved : resolve(context);

@@ -1,32 +1,18 @@
 #include "Logging/PLVLogCallContext.h"
 
-#include <cerrno>
 #include <string>
 
 #include "Logging/ASLLog.h"
+#include "Logging/KeptErrno.h"
 #include "Logging/LogSubsystem.h"
 #include "Logging/MethodName.h"
 #include "Logging/PLVFormatMessage.h"
 #include "Logging/UnifiedLogging.h"
 
-namespace {
-
-class KeptErrno {
- public:
-  KeptErrno() = default;
-  KeptErrno(const KeptErrno&) = delete;
-  KeptErrno& operator=(const KeptErrno&) = delete;
-  ~KeptErrno() { errno = number_; }
-
- private:
-  int number_ = errno;
-};
-
-}  // namespace
+using qx::log::KeptErrno;
 
 PLVLogCallContext::PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
     : descriptor_(descriptor), type_(type) {
-  const KeptErrno kept;
   try {
     evaluate();
   } catch (...) {  // NOLINT(bugprone-empty-catch): a log line is never worth an operation
@@ -43,6 +29,7 @@ void PLVLogCallContext::evaluate() {
 }
 
 void PLVLogCallContext::evaluateOnSystemLog() {
+  const KeptErrno kept;
   auto* const log = ASLLog::currentThread();
   if (log == nullptr) return;
   evaluation_ = log->client().evaluateSend(qx::log::levelOfLogType(type_));

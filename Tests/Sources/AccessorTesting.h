@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -48,19 +49,36 @@ class CollectedLines {
 
   /// What came since the last call.
   std::vector<std::string> take() {
-    const std::string end = "(taken " + std::to_string(++taken_) + ")";
-    QXLogInfo("%{public}@", end);
-    const auto isEnd = [&](const std::string& datagram) { return journalFields(datagram)["MESSAGE"] == end; };
-    EXPECT_TRUE(journal_.waitFor(isEnd));
     std::vector<std::string> lines;
-    for (const auto& datagram : journal_.take())
-      lines.push_back(journalFields(datagram)["MESSAGE"]);
-    lines.pop_back();
+    for (auto& line : takeFields())
+      lines.push_back(std::move(line["MESSAGE"]));
     return lines;
+  }
+
+  /// The same, parted: what this thread wrote, and what others did.
+  std::pair<std::vector<std::string>, std::vector<std::string>> takeByThread() {
+    std::pair<std::vector<std::string>, std::vector<std::string>> parted;
+    for (auto& line : takeFields()) {
+      const bool isOwn = line["TID"] == std::to_string(::gettid());
+      (isOwn ? parted.first : parted.second).push_back(std::move(line["MESSAGE"]));
+    }
+    return parted;
   }
 
  private:
   static LogCategory& category() { return LogSubsystem::categoryForContext(kEventStoreLog); }
+
+  std::vector<std::map<std::string, std::string>> takeFields() {
+    const std::string end = "(taken " + std::to_string(++taken_) + ")";
+    QXLogInfo("%{public}@", end);
+    const auto isEnd = [&](const std::string& datagram) { return journalFields(datagram)["MESSAGE"] == end; };
+    EXPECT_TRUE(journal_.waitFor(isEnd));
+    std::vector<std::map<std::string, std::string>> lines;
+    for (const auto& datagram : journal_.take())
+      lines.push_back(journalFields(datagram));
+    std::erase_if(lines, [&](auto& line) { return line["MESSAGE"] == end; });
+    return lines;
+  }
 
   LogSocket& journal_;
   int taken_ = 0;

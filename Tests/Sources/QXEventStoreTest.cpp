@@ -93,25 +93,6 @@ TEST_F(FacadeTest, RemovesAnUnknownEventOnlyForThoseWhoDoNotAsk) {
   EXPECT_FALSE(event->isPersistentlyStored());
 }
 
-TEST_F(FacadeTest, LogsTheStepsOfAnAdd) {
-  store().countOfEventsWithPredicate(nullptr);
-  const auto event = makeEvent("E1");
-  CollectedLines collected(journal);
-  added(event);
-  Texts lines;
-  for (const std::string& line : collected.take()) {
-    for (const char* begin : {"Add event", "Valid Event", "[QXStoreCordinator]",
-                              "setValueForEvent:", "Event is", "saveEventToStore called"}) {
-      if (line.starts_with(begin)) lines.push_back(line);
-    }
-  }
-  EXPECT_EQ(lines, (Texts{"Add event to store:[" + event->description() + "]", "Valid Event",
-                          "[QXStoreCordinator]lock acquired",
-                          "setValueForEvent:[" + event->description() + "]", "saveEventToStore called",
-                          "[QXStoreCordinator]Release lock", "[QXStoreCordinator]Added successfully[1]",
-                          "[QXStoreCordinator] Error [(null)]", "Event is added successfully"}));
-}
-
 TEST_F(FacadeTest, AnnouncesBlocksForEachEventAndStartsNothingForABlockedOne) {
   ArrangedHost host;
   const ScopedHost scope(host);

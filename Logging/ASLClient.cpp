@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Logging/LogTransport.h"
+#include "Logging/StandardError.h"
 #include "Logging/SyslogProtocol.h"
 #include "Platform/Host.h"
 

@@ -54,7 +54,11 @@ void ASLLog::stampMessage(ASLMessage& message, const PLVLogCategoryDescriptor& d
   message.set("PLVSource.line", std::to_string(source.line));
   message.set("PLVMessageType", nameOfLogType(type));
   Dl_info image{};
-  if (::dladdr(caller, &image) == 0 || image.dli_fname == nullptr) return;
+  if (::dladdr(caller, &image) == 0 || image.dli_fname == nullptr) {
+    message.remove("PLVSenderImagePath");
+    message.remove("PLVSource.image");
+    return;
+  }
   message.set("PLVSenderImagePath", image.dli_fname);
   message.set("PLVSource.image", lastComponent(image.dli_fname));
 }

@@ -17,7 +17,8 @@
 /// is stamped anew for each line. Not shared between threads.
 class ASLLog {
  public:
-  /// The calling thread's, made on first use; null when the thread is about to end.
+  /// The calling thread's, made on first use; null once the thread has let go of what is its own, as the main
+  /// thread has when the functions of atexit(3) run.
   static ASLLog* currentThread();
 
   const qx::log::ASLClient& client() const { return client_; }

@@ -27,6 +27,11 @@ void ASLMessage::set(std::string_view key, std::string_view value) {
   }
 }
 
+void ASLMessage::remove(std::string_view key) {
+  const auto entry = entryWithKey(entries_, untilNul(key));
+  if (entry != entries_.end()) entries_.erase(entry);
+}
+
 const std::string* ASLMessage::find(std::string_view key) const {
   const auto entry = entryWithKey(entries_, untilNul(key));
   return entry == entries_.end() ? nullptr : &entry->second;

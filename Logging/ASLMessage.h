@@ -13,6 +13,7 @@ class ASLMessage {
 
   /// Sets or replaces; both end at their first NUL.
   void set(std::string_view key, std::string_view value);
+  void remove(std::string_view key);
   /// The value, until the next set(); null when `key` is not set.
   const std::string* find(std::string_view key) const;
   const std::vector<Entry>& entries() const { return entries_; }

@@ -100,6 +100,10 @@ namespace {
 
 }  // namespace
 
+void Backlog::prepare() {
+  Backlogs::shared();
+}
+
 std::shared_ptr<Backlog> Backlog::make(std::unique_ptr<Outlet> outlet, Writing writing, std::size_t limit) {
   std::shared_ptr<Backlog> made(new Backlog(std::move(outlet), writing, limit));
   Backlogs::shared().add(made.get());

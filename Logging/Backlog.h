@@ -46,6 +46,10 @@ class Backlog : public std::enable_shared_from_this<Backlog> {
   /// whether a line may be taken in part, so that the next has to wait for its rest.
   enum class Writing { severalAtATime, oneAtATime };
 
+  /// Registers what the process's end and its forks need. A lock under which backlogs are made must be
+  /// registered for forks after this, since fork() takes those registered last first.
+  static void prepare();
+
   static std::shared_ptr<Backlog> make(std::unique_ptr<Outlet> outlet, Writing writing, std::size_t limit);
   Backlog(const Backlog&) = delete;
   Backlog& operator=(const Backlog&) = delete;

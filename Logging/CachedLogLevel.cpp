@@ -70,7 +70,8 @@ void CachedLogLevel::scheduleSynchronization() {
 }
 
 void CachedLogLevel::schedule(const std::shared_ptr<State>& state) {
-  BackgroundLoop::shared().after(std::chrono::minutes(1), [weak = std::weak_ptr(state)] { synchronize(weak); });
+  BackgroundLoop::shared().after(std::chrono::minutes(1),
+                                 [weak = std::weak_ptr(state)] { synchronize(weak); });
 }
 
 void CachedLogLevel::synchronize(const std::weak_ptr<State>& weak) {
@@ -85,7 +86,8 @@ void CachedLogLevel::synchronize(const std::weak_ptr<State>& weak) {
 }
 
 void CachedLogLevel::abandon() {
-  // The parent's state stays where it is: a thread that is not here any more may have been in the middle of it.
+  // The parent's state stays where it is: a thread that is not here any more may have been in the middle of
+  // it.
   static auto& abandoned = *new std::vector<std::shared_ptr<State>>;
   abandoned.push_back(std::exchange(state_, nullptr));
   level_ = PLVLogLevel::NotLoaded;

@@ -16,12 +16,16 @@ constexpr const char* kOwnSubsystem = "com.qx.device.logging";
 std::string lostMessage(std::uint64_t count) {
   std::string datagram;
   const std::string text = std::to_string(count) + " log messages were lost: the journal did not take them";
-  appendJournalEntry({PLVLogType::Error, kOwnSubsystem, "transport", {__FILE__, __LINE__, __func__}, text},
-                     &datagram);
+  appendJournalEntry(
+      {PLVLogType::Error, journalOrigin(kOwnSubsystem, "transport"), {__FILE__, __LINE__, __func__}, text},
+      &datagram);
   return datagram;
 }
 
 }  // namespace
+
+JournalLog::JournalLog(const LogCategory& category)
+    : category_(category), origin_(journalOrigin(category.subsystem().name(), category.name())) {}
 
 LogTransport& JournalLog::transport() {
   // Never destroyed: threads may log while the process ends.
@@ -30,14 +34,10 @@ LogTransport& JournalLog::transport() {
   return journal;
 }
 
-bool JournalLog::isTypeEnabled(PLVLogType type) const {
-  return (type != PLVLogType::Info && type != PLVLogType::Debug) || category_.isConfigured();
-}
-
 void JournalLog::send(PLVLogType type, const PLVLogSource& source, std::string_view text) const {
   std::string datagram;
   datagram.reserve(text.size() + 512);
-  appendJournalEntry({type, category_.subsystem().name(), category_.name(), source, text}, &datagram);
+  appendJournalEntry({type, origin_, source, text}, &datagram);
   transport().send(datagram);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "Logging/PLVLogType.h"
@@ -15,11 +16,11 @@ inline constexpr std::string_view kJournalSocketPath = "/run/systemd/journal/soc
 /// A category's line to journald. Any thread.
 class JournalLog {
  public:
-  explicit JournalLog(const LogCategory& category) : category_(category) {}
+  explicit JournalLog(const LogCategory& category);
 
   /// Whether the journal wants lines of `type`. It has no levels of its own for those who write to it, and
   /// keeps what it gets on the disk, so Info and Debug are wanted only once a level has been set somewhere.
-  bool isTypeEnabled(PLVLogType type) const;
+  bool isTypeEnabled(PLVLogType type) const noexcept;
 
   /// Never waits; see LogTransport.
   void send(PLVLogType type, const PLVLogSource& source, std::string_view text) const;
@@ -29,6 +30,7 @@ class JournalLog {
 
  private:
   const LogCategory& category_;
+  const std::string origin_;  // the fields of the category
 };
 
 }  // namespace qx::log

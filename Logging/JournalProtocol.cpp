@@ -1,6 +1,7 @@
 #include "Logging/JournalProtocol.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,64 +11,74 @@
 namespace qx::log {
 namespace {
 
-/// syslog(3)'s numbers.
-std::string_view priority(PLVLogType type) {
+/// Their names, and syslog(3)'s numbers.
+std::string_view fieldsOf(PLVLogType type) {
   switch (type) {
     case PLVLogType::Debug:
-      return "7";
+      return "MESSAGE_TYPE=Debug\nPRIORITY=7\n";
     case PLVLogType::Info:
-      return "6";
+      return "MESSAGE_TYPE=Info\nPRIORITY=6\n";
     case PLVLogType::Error:
-      return "3";
+      return "MESSAGE_TYPE=Error\nPRIORITY=3\n";
     case PLVLogType::Fault:
-      return "2";
+      return "MESSAGE_TYPE=Fault\nPRIORITY=2\n";
     case PLVLogType::Default:
       break;
   }
-  return "5";
+  return "MESSAGE_TYPE=Default\nPRIORITY=5\n";
 }
 
-void appendLength(std::uint64_t length, std::string& datagram) {
-  for (unsigned shift = 0; shift < 64; shift += 8)
-    datagram += static_cast<char>(length >> shift & 0xFFU);
+void appendNumber(std::string_view nameAndSign, std::uint64_t number, std::string& datagram) {
+  std::array<char, 20 + 1> digits;
+  char* const end = std::to_chars(digits.data(), digits.data() + 20, number).ptr;
+  *end = '\n';
+  datagram.append(nameAndSign).append(digits.data(), end + 1);
 }
 
 /// "NAME=VALUE"; a value of several lines is told by its length instead.
-void appendField(std::string_view name, std::string_view value, std::string& datagram) {
+void appendText(std::string_view name, std::string_view value, std::string& datagram) {
   datagram += name;
   if (value.find('\n') == std::string_view::npos) {
     datagram += '=';
   } else {
     datagram += '\n';
-    appendLength(value.size(), datagram);
+    for (unsigned shift = 0; shift < 64; shift += 8)
+      datagram += static_cast<char>(std::uint64_t{value.size()} >> shift & 0xFFU);
   }
-  datagram += value;
-  datagram += '\n';
+  datagram.append(value) += '\n';
 }
 
-void appendField(std::string_view name, std::uint64_t number, std::string& datagram) {
-  std::array<char, 20> digits;
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-  appendField(name, {digits.data(), static_cast<std::size_t>(end - digits.data())}, datagram);
+thread_local pid_t knownThread = 0;
+
+/// Only a forked child's one thread has another number than its thread had before.
+const bool forgetsThreadInChild = ::pthread_atfork(nullptr, nullptr, [] { knownThread = 0; }) == 0;
+
+pid_t currentThread() {
+  if (knownThread == 0 || !forgetsThreadInChild) knownThread = ::gettid();
+  return knownThread;
 }
 
 }  // namespace
 
+std::string journalOrigin(std::string_view subsystem, std::string_view category) {
+  std::string fields;
+  appendText("SUBSYSTEM", subsystem, fields);
+  appendText("CATEGORY", category, fields);
+  appendText("SYSLOG_IDENTIFIER", program_invocation_short_name, fields);
+  return fields;
+}
+
 void appendJournalEntry(const JournalEntry& entry, std::string* datagram) {
   std::string& fields = *datagram;
-  appendField("MESSAGE", entry.text, fields);
-  appendField("PRIORITY", priority(entry.type), fields);
-  appendField("SYSLOG_IDENTIFIER", program_invocation_short_name, fields);
-  appendField("SUBSYSTEM", entry.subsystem, fields);
-  appendField("CATEGORY", entry.category, fields);
-  appendField("MESSAGE_TYPE", nameOfLogType(entry.type), fields);
+  fields += fieldsOf(entry.type);
+  fields += entry.origin;
   if (entry.source.file != nullptr) {
-    appendField("CODE_FILE", entry.source.file, fields);
-    appendField("CODE_LINE", entry.source.line, fields);
+    appendText("CODE_FILE", entry.source.file, fields);
+    appendNumber("CODE_LINE=", entry.source.line, fields);
   }
-  if (entry.source.function != nullptr) appendField("CODE_FUNC", entry.source.function, fields);
-  // Asked anew each time: it is cheap beside the sending, and a forked child's thread has another one.
-  appendField("TID", static_cast<std::uint64_t>(::gettid()), fields);
+  if (entry.source.function != nullptr) appendText("CODE_FUNC", entry.source.function, fields);
+  appendNumber("TID=", static_cast<std::uint64_t>(currentThread()), fields);
+  appendText("MESSAGE", entry.text, fields);
 }
 
 }  // namespace qx::log

@@ -4,7 +4,8 @@
 
 namespace qx::log {
 
-/// Gives errno back the value that it had: what logs between a call and the look at its error leaves no trace.
+/// Gives errno back the value that it had: what logs between a call and the look at its error leaves no
+/// trace.
 class KeptErrno {
  public:
   KeptErrno() = default;

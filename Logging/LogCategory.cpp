@@ -35,9 +35,21 @@ bool LogCategory::logsType(PLVLogType type) const noexcept {
   return effective == PLVLogLevel::Inherit && qx::log::unifiedLogging();
 }
 
+bool LogCategory::isWanted(PLVLogType type) const noexcept {
+  return (!qx::log::unifiedLogging() || log_.isTypeEnabled(type)) && logsType(type);
+}
+
 bool LogCategory::isConfigured() const noexcept {
   const auto isSet = [](PLVLogLevel level) { return level != PLVLogLevel::Inherit; };
   return isSet(level()) || isSet(subsystem_.level()) ||
          isSet(LogUserDefaults::applicationUserDefaults().logLevel()) ||
          isSet(LogUserDefaults::loggingUserDefaults().logLevel());
 }
+
+namespace qx::log {
+
+bool JournalLog::isTypeEnabled(PLVLogType type) const noexcept {
+  return (type != PLVLogType::Info && type != PLVLogType::Debug) || category_.isConfigured();
+}
+
+}  // namespace qx::log

@@ -32,6 +32,10 @@ class LogCategory {
   /// pass; Info and Debug do where nothing is configured with unified logging, which then decides itself.
   bool logsType(PLVLogType type) const noexcept;
 
+  /// Whether a message of `type` is to be sent: logsType(), and with unified logging the journal wants it
+  /// too.
+  bool isWanted(PLVLogType type) const noexcept;
+
   /// Whether any of the four levels is set.
   bool isConfigured() const noexcept;
 

@@ -13,8 +13,12 @@
 
 #include <QXEventStoring/Platform/Export.h>
 
+#include "Logging/ASLClient.h"
+#include "Logging/Backlog.h"
+#include "Logging/JournalLog.h"
 #include "Logging/KeptErrno.h"
 #include "Logging/LogUserDefaults.h"
+#include "Logging/UnifiedLogging.h"
 
 extern "C" {
 /// The registry of the first image that was loaded; null before.
@@ -68,6 +72,7 @@ void LogSubsystem::load() {
     // Made now, so that a child of fork() never meets them half made.
     LogUserDefaults::applicationUserDefaults();
     LogUserDefaults::loggingUserDefaults();
+    qx::log::Backlog::prepare();
     ::pthread_atfork(qx::log::beforeFork, qx::log::afterForkInParent, qx::log::afterForkInChild);
     return true;
   }();
@@ -83,6 +88,8 @@ LogCategory& LogSubsystem::resolve(PLVLogCategoryDescriptor& context) {
   auto& subsystem = registry.subsystems[context.subsystemName()];
   if (!subsystem) subsystem = std::make_unique<LogSubsystem>(context.subsystemName());
   auto& category = subsystem->categories()[context.categoryName()];
+  // For the same reason: fork() waits for the lock. Not earlier, since the volume root is asked for.
+  qx::log::unifiedLogging() ? qx::log::JournalLog::transport() : qx::log::ASLClient::transport();
   if (!category) category = std::make_unique<LogCategory>(context.categoryName(), *subsystem);
   context.category().store(category.get(), std::memory_order_release);
   return *category;

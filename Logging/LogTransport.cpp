@@ -1,7 +1,8 @@
 // Datagrams to the log daemon.
 //
-// The socket is not connected: each datagram finds the daemon by its path, so that one which was restarted is
-// met again without any reconnecting, and threads need no lock to send.
+// The socket is connected, which spares each datagram the way along the daemon's path, and connected again
+// when its daemon has gone: one that was restarted has a new socket at the same path. Threads need no lock to
+// send.
 //
 // libsystemd's sd_journal_sendv() is not used: it waits while the journal's buffer is full, and it leaves its
 // caller no say over the socket's path.
@@ -22,6 +23,7 @@
 #include <utility>
 
 #include "Logging/Backlog.h"
+#include "Logging/WriteSignals.h"
 #include "Platform/FileDescriptor.h"
 
 namespace qx::log {
@@ -46,11 +48,14 @@ class Destination {
     std::memcpy(address_.sun_path, reachable.c_str(), reachable.size() + 1);
   }
 
-  /// Why there is none, or 0.
-  int error() const { return error_; }
-  void writeTo(msghdr* message) {
-    message->msg_name = &address_;
-    message->msg_namelen = sizeof address_;
+  /// Connects `socket` to it; 0 or the error number.
+  int connect(int socket) const {
+    if (error_ != 0) return error_;
+    const auto* const address = reinterpret_cast<const sockaddr*>(&address_);
+    while (::connect(socket, address, sizeof address_) != 0) {
+      if (errno != EINTR) return errno;
+    }
+    return 0;
   }
 
  private:
@@ -117,28 +122,18 @@ class SharedSocket {
   std::atomic<std::uint64_t> identity_ = kNone;
 };
 
-/// Sends `message` now or not at all; 0 or the error number.
-int sendNow(int socket, const msghdr& message) {
+/// Sends now or not at all; 0 or the error number.
+int sendBytes(int socket, std::string_view bytes) {
   for (;;) {
-    if (::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
+    if (::send(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
     if (errno != EINTR) return errno;
   }
 }
 
-int sendBytes(int socket, Destination& destination, std::string_view bytes) {
-  iovec part{const_cast<char*>(bytes.data()), bytes.size()};
-  msghdr message{};
-  destination.writeTo(&message);
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  return sendNow(socket, message);
-}
-
 /// An empty datagram that brings the descriptor of `file`.
-int sendFile(int socket, Destination& destination, const FileDescriptor& file) {
+int sendFile(int socket, const FileDescriptor& file) {
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
   msghdr message{};
-  destination.writeTo(&message);
   message.msg_control = control.data();
   message.msg_controllen = control.size();
   cmsghdr* const header = CMSG_FIRSTHDR(&message);
@@ -147,14 +142,19 @@ int sendFile(int socket, Destination& destination, const FileDescriptor& file) {
   header->cmsg_len = CMSG_LEN(sizeof(int));
   const int descriptor = file.get();
   std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  return sendNow(socket, message);
+  return ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 ? 0 : errno;
 }
 
 /// A memory file with `bytes` that nobody can change any more; none, and errno, when it cannot be made.
 FileDescriptor sealedFile(std::string_view bytes) {
   FileDescriptor file(::memfd_create("log-message", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  const WriteSignals signals;  // the program's limit for files counts for this one too
   while (file && !bytes.empty()) {
     const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    if (written < 0 && errno == EFBIG) {
+      signals.takeAway();
+      errno = EFBIG;
+    }
     if (written < 0 && errno != EINTR) return {};
     if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
   }
@@ -217,25 +217,36 @@ class DatagramOutlet final : public Outlet {
     return error == EMSGSIZE || (error == ENOBUFS && size > kAlwaysPossible);
   }
 
+  static bool isDisconnected(int error) {
+    return error == ENOTCONN || error == ECONNREFUSED || error == ECONNRESET || error == EPIPE;
+  }
+
   int send(std::string_view datagram) {
     const int socket = socket_.descriptor();
     if (socket < 0) return errno;
-    Destination destination(path_);
-    if (destination.error() != 0) return destination.error();
-    const int error = sendBytes(socket, destination, datagram);
+    const int error = sendConnected(socket, [&] { return sendBytes(socket, datagram); });
     if (!isTooLarge(error, datagram.size())) return error;
-    if (oversize_ == LogTransport::Oversize::cut) return sendCut(socket, destination, datagram);
+    if (oversize_ == LogTransport::Oversize::cut) return sendCut(socket, datagram);
     const FileDescriptor file = sealedFile(datagram);
-    return file ? sendFile(socket, destination, file) : errno;
+    return file ? sendConnected(socket, [&] { return sendFile(socket, file); }) : errno;
   }
 
-  static int sendCut(int socket, Destination& destination, std::string_view datagram) {
+  int sendCut(int socket, std::string_view datagram) {
     int error = EMSGSIZE;
     while (isTooLarge(error, datagram.size()) && datagram.size() > 1) {
       datagram = cutText(datagram, datagram.size() / 2);
-      error = sendBytes(socket, destination, datagram);
+      error = sendConnected(socket, [&] { return sendBytes(socket, datagram); });
     }
     return error;
+  }
+
+  /// Sends, once more after connecting when there was no daemon at the other end.
+  template <typename Send>
+  int sendConnected(int socket, Send send) {
+    const int error = send();
+    if (!isDisconnected(error)) return error;
+    const int failure = Destination(path_).connect(socket);
+    return failure != 0 ? failure : send();
   }
 
   const std::string path_;

@@ -16,12 +16,12 @@ LogUserDefaults::LogUserDefaults() : level_(levelOf(*this)) {}
 LogUserDefaults::LogUserDefaults(std::string suite)
     : UserDefaults(std::move(suite)), level_(levelOf(*this)) {}
 
-LogUserDefaults& LogUserDefaults::applicationUserDefaults() {
-  static LogUserDefaults& application = *new LogUserDefaults;
-  return application;
-}
+// Set when the image is loaded, before it has threads.
+constinit LogUserDefaults* LogUserDefaults::application_ = nullptr;
+constinit LogUserDefaults* LogUserDefaults::logging_ = nullptr;
 
-LogUserDefaults& LogUserDefaults::loggingUserDefaults() {
-  static LogUserDefaults& maker = *new LogUserDefaults(std::string(kLoggingSuite));
-  return maker;
+LogUserDefaults& LogUserDefaults::made(LogUserDefaults* const& which) {
+  if (application_ == nullptr) application_ = new LogUserDefaults;
+  if (logging_ == nullptr) logging_ = new LogUserDefaults(std::string(kLoggingSuite));
+  return *which;
 }

@@ -18,8 +18,10 @@ class LogUserDefaults : public qx::UserDefaults {
   explicit LogUserDefaults(std::string suite);
 
   /// Of this image, never destroyed: the application's level, and the maker-wide one.
-  static LogUserDefaults& applicationUserDefaults();
-  static LogUserDefaults& loggingUserDefaults();
+  static LogUserDefaults& applicationUserDefaults() {
+    return application_ != nullptr ? *application_ : made(application_);
+  }
+  static LogUserDefaults& loggingUserDefaults() { return logging_ != nullptr ? *logging_ : made(logging_); }
 
   PLVLogLevel logLevel() const { return level_.get(); }
   /// Until the preference changes; NotLoaded reads it again.
@@ -31,5 +33,10 @@ class LogUserDefaults : public qx::UserDefaults {
   void abandonLevel() { level_.abandon(); }
 
  private:
+  /// Makes both; `which` is one of them.
+  static LogUserDefaults& made(LogUserDefaults* const& which);
+
+  static constinit LogUserDefaults* application_;
+  static constinit LogUserDefaults* logging_;
   qx::log::CachedLogLevel level_;
 };

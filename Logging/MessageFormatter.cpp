@@ -3,6 +3,8 @@
 // belongs to it, is ever handed to snprintf.
 #include "Logging/MessageFormatter.h"
 
+#include <locale.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -31,10 +33,6 @@ struct Field {
 
   bool isPlain() const { return flags.empty() && width == 0 && !precision; }
 };
-
-bool isOneOf(char character, std::string_view characters) {
-  return characters.find(character) != std::string_view::npos;
-}
 
 /// Digits as a number; no digits are 0, too many the largest.
 int saturated(std::string_view digits) {
@@ -166,10 +164,26 @@ std::array<char, 16> printfPattern(const Field& field, std::string_view length, 
   return pattern;
 }
 
+/// Numbers look the same whatever locale the program has chosen.
+class PlainNumbers {
+ public:
+  PlainNumbers() {
+    static const locale_t plain = ::newlocale(LC_ALL_MASK, "C", nullptr);  // null is what uselocale() ignores
+    previous_ = ::uselocale(plain);
+  }
+  PlainNumbers(const PlainNumbers&) = delete;
+  PlainNumbers& operator=(const PlainNumbers&) = delete;
+  ~PlainNumbers() { ::uselocale(previous_); }
+
+ private:
+  locale_t previous_;
+};
+
 template <typename Number>
 bool MessageText::appendNumber(const Field& field, std::string_view length, char conversion, Number number) {
   const auto pattern = printfPattern(field, length, conversion);
   const int precision = std::min(field.precision.value_or(-1), kWidestField);  // -1 counts as none
+  const PlainNumbers plain;
   const auto print = [&](char* buffer, std::size_t capacity) {
     return std::snprintf(buffer, capacity, pattern.data(), field.width, precision, number);
   };

@@ -22,8 +22,7 @@ inline constexpr int kWidestField = 4096;
 ///
 /// - "d", "i", "u", "o", "x", "X": an integer that is no larger than the length modifier tells: 64 bits for
 ///   "l", "ll", "j", "z", "t" and "L", else those of int, of which "h" and "hh" keep the low 16 and 8.
-/// - "f", "F", "e", "E", "g", "G", "a", "A": a double. Shown by the C library, with the locale's decimal
-/// point.
+/// - "f", "F", "e", "E", "g", "G", "a", "A": a double, as in the C locale.
 /// - "c": an int, shown as a character of ISO 8859-1; "C": an int, a code point or UTF-16 unit.
 /// - "s": text, widths and precisions in bytes of UTF-8; "@": text, in UTF-16 units; "S": UTF-16 text, in its
 ///   units. No precision cuts a character. None is "(null)". What is ill-formed is shown as U+FFFD.

@@ -67,7 +67,7 @@ struct Treatment {
 
 Treatment treatmentOf(const FormatSpecification& specification) {
   Treatment treatment;
-  treatment.isPublic = std::string_view("sS@P").find(specification.conversion) == std::string_view::npos;
+  treatment.isPublic = !qx::log::isOneOf(specification.conversion, "sS@P");
   constexpr std::string_view kSeparators = ", ";
   std::string_view words = specification.annotation;
   while (!words.empty()) {

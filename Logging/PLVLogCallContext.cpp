@@ -1,11 +1,8 @@
 #include "Logging/PLVLogCallContext.h"
 
-#include <string>
-
 #include "Logging/ASLLog.h"
 #include "Logging/KeptErrno.h"
 #include "Logging/LogSubsystem.h"
-#include "Logging/MethodName.h"
 #include "Logging/PLVFormatMessage.h"
 #include "Logging/UnifiedLogging.h"
 
@@ -13,6 +10,8 @@ using qx::log::KeptErrno;
 
 PLVLogCallContext::PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
     : descriptor_(descriptor), type_(type) {
+  const auto* const known = descriptor.category().load(std::memory_order_acquire);
+  if (known != nullptr && !known->isWanted(type)) return;
   try {
     evaluate();
   } catch (...) {  // NOLINT(bugprone-empty-catch): a log line is never worth an operation
@@ -21,34 +20,36 @@ PLVLogCallContext::PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLo
 
 void PLVLogCallContext::evaluate() {
   const auto& category = LogSubsystem::categoryForContext(descriptor_);
-  if (!qx::log::unifiedLogging()) {
-    if (category.logsType(type_)) evaluateOnSystemLog();
-  } else if (category.log().isTypeEnabled(type_) && category.logsType(type_)) {
+  if (!category.isWanted(type_)) return;
+  if (qx::log::unifiedLogging()) {
     journal_ = &category.log();
+  } else {
+    evaluateOnSystemLog();
   }
 }
 
 void PLVLogCallContext::evaluateOnSystemLog() {
   const KeptErrno kept;
-  auto* const log = ASLLog::currentThread();
-  if (log == nullptr) return;
+  auto* log = ASLLog::currentThread();
+  if (log == nullptr) log = lateLog_ = new ASLLog;
   evaluation_ = log->client().evaluateSend(qx::log::levelOfLogType(type_));
   if ((evaluation_ & qx::log::ASLClient::kWanted) == 0) return;
   client_ = &log->client();
   preparedMessage_ = &log->preparedMessage();
 }
 
-void PLVLogCallContext::send(const PLVLogSource& source, std::string_view format,
-                             std::initializer_list<qx::log::Argument> arguments) const noexcept {
+void PLVLogCallContext::letGo() {
+  delete lateLog_;
+}
+
+// Not part of its caller, so that the return address is in the calling image.
+[[gnu::noinline]] void PLVLogCallContext::sendArguments(
+    const PLVLogSource& source, std::string_view format,
+    std::initializer_list<qx::log::Argument> arguments) const {
   const KeptErrno kept;
-  try {
-    const auto text = PLVFormatMessage(format, arguments);
-    if (!text) return;
-    const auto function = qx::log::methodName(source.function);
-    const PLVLogSource named{source.file, source.line, function.c_str()};
-    if (journal_ != nullptr) return journal_->send(type_, named, *text);
-    ASLLog::stampMessage(*preparedMessage_, descriptor_, type_, named, __builtin_return_address(0));
-    client_->send(evaluation_, *preparedMessage_, qx::log::levelOfLogType(type_), *text);
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a log line is never worth an operation
-  }
+  const auto text = PLVFormatMessage(format, arguments);
+  if (!text) return;
+  if (journal_ != nullptr) return journal_->send(type_, source, *text);
+  ASLLog::stampMessage(*preparedMessage_, descriptor_, type_, source, __builtin_return_address(0));
+  client_->send(evaluation_, *preparedMessage_, qx::log::levelOfLogType(type_), *text);
 }

@@ -3,8 +3,8 @@
 //
 // Its file description belongs to other processes too, so it cannot be made non-blocking. A socket is asked
 // not to wait per call; a pipe or terminal is opened anew, non-blocking, for the moment of writing (kept
-// open, it would keep the pipe's reader from seeing its end). Where that is not allowed, only what poll(2)
-// promises room for is written.
+// open, it would keep the pipe's reader from seeing its end). Where that is not allowed, a pipe is written
+// only what poll(2) promises room for; of a terminal it promises one byte, so its lines are given up.
 
 #include "Logging/StandardError.h"
 
@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +24,7 @@
 
 #include "Logging/Backlog.h"
 #include "Logging/SyslogProtocol.h"
+#include "Logging/WriteSignals.h"
 #include "Platform/FileDescriptor.h"
 
 namespace qx::log {
@@ -32,34 +32,6 @@ namespace {
 
 constexpr std::size_t kBacklogBytes = 1U << 20;
 constexpr int kWarning = 4;  // of syslog(3)
-
-/// Keeps the signals that a failing write raises from the program's handlers: those that were not pending
-/// before and that a failure has raised in this thread are taken away again.
-class WriteSignals {
- public:
-  WriteSignals() {
-    sigset_t pending;
-    ::sigpending(&pending);
-    ::sigemptyset(&held_);
-    for (const int number : {SIGPIPE, SIGXFSZ}) {
-      if (::sigismember(&pending, number) == 0) ::sigaddset(&held_, number);
-    }
-    ::pthread_sigmask(SIG_BLOCK, &held_, &previous_);
-  }
-  WriteSignals(const WriteSignals&) = delete;
-  WriteSignals& operator=(const WriteSignals&) = delete;
-  ~WriteSignals() { ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-
-  void takeAway() const {
-    const timespec noTime{};
-    while (::sigtimedwait(&held_, nullptr, &noTime) < 0 && errno == EINTR) {
-    }
-  }
-
- private:
-  sigset_t held_;
-  sigset_t previous_;
-};
 
 class StandardErrorOutlet final : public Outlet {
  public:
@@ -82,7 +54,7 @@ class StandardErrorOutlet final : public Outlet {
     if (S_ISSOCK(status.st_mode)) return sendToSocket(rest);
     const WriteSignals signals;
     const bool mayWait = S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode);
-    const int error = mayWait ? writeWithRoom(rest) : writeAll(rest);
+    const int error = mayWait ? writeWithRoom(rest, S_ISCHR(status.st_mode)) : writeAll(rest);
     if (error == EPIPE || error == EFBIG) signals.takeAway();
     return error;
   }
@@ -104,8 +76,9 @@ class StandardErrorOutlet final : public Outlet {
     return error;
   }
 
-  static int writeWithRoom(std::string_view* rest) {
+  static int writeWithRoom(std::string_view* rest, bool isDevice) {
     const FileDescriptor own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!own && isDevice) return ENXIO;
     const int descriptor = own ? own.get() : STDERR_FILENO;
     int error = 0;
     while (error == 0 && !rest->empty()) {

@@ -12,6 +12,7 @@
 namespace qx::log {
 namespace {
 
+constexpr std::string_view kKeys = "[PLV";
 constexpr int kUserFacility = 1;
 constexpr int kLevelMask = 7;
 
@@ -57,15 +58,41 @@ void appendOctal(char character, std::string& line) {
   }
 }
 
+/// Whether `text` begins with a control character of ISO 6429's second set, in UTF-8.
+bool beginsWithC1(std::string_view text) {
+  return text.size() > 1 && text[0] == '\xC2' && static_cast<unsigned char>(text[1]) >= 0x80 &&
+         static_cast<unsigned char>(text[1]) < 0xA0;
+}
+
 void appendText(std::string_view text, bool keepsTabs, std::string& line) {
   line.reserve(line.size() + text.size());
-  for (const char character : text) {
-    if (isControl(character) && !(keepsTabs && character == '\t')) {
-      appendOctal(character, line);
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (beginsWithC1(text.substr(at))) {
+      appendOctal(text[at], line);
+      appendOctal(text[++at], line);
+    } else if (isControl(text[at]) && !(keepsTabs && text[at] == '\t')) {
+      appendOctal(text[at], line);
     } else {
-      line += character;
+      line += text[at];
     }
   }
+}
+
+/// The text of a line that keys follow: one that looks like keys does not pass for them, and one that is
+/// very long leaves them room.
+void appendTextBeforeKeys(std::string_view text, std::string& line) {
+  const bool isCut = text.size() > kLongestSyslogText;
+  std::size_t end = isCut ? kLongestSyslogText : text.size();
+  while (isCut && end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80)
+    --end;
+  text = text.substr(0, end);
+  for (std::size_t keys = text.find(kKeys); keys != std::string_view::npos; keys = text.find(kKeys)) {
+    appendText(text.substr(0, keys), false, line);
+    appendOctal(kKeys[0], line);
+    text.remove_prefix(keys + 1);
+  }
+  appendText(text, false, line);
+  if (isCut) line += "...";
 }
 
 /// A name without what would end it: blanks, control characters and those of `delimiters`.
@@ -110,9 +137,10 @@ std::string syslogLine(int level, const ASLMessage& message, std::string_view te
   line += ' ';
   appendProgram(line);
   line += ": ";
-  appendText(text, false, line);
+  appendTextBeforeKeys(text, line);
   if (message.entries().empty()) return line;
-  line += " [PLV";
+  line += ' ';
+  line += kKeys;
   for (const auto& entry : message.entries())
     appendKey(entry, line);
   line += ']';

@@ -6,13 +6,15 @@
 
 namespace qx::log {
 
-bool unifiedLogging() {
-  static const bool unified = [] {
-    const KeptErrno kept;
-    const auto& host = Host::current();
-    return host.fileExists(host.resolve(kJournalSocketPath));
-  }();
-  return unified;
+bool decideLogSystem() {
+  const KeptErrno kept;
+  const auto& host = Host::current();
+  const bool hasJournal = host.fileExists(host.resolve(kJournalSocketPath));
+  // Of several threads that ask at once, the first decides.
+  auto decided = LogSystem::undecided;
+  const auto decision = hasJournal ? LogSystem::journal : LogSystem::syslog;
+  if (decidedLogSystem.compare_exchange_strong(decided, decision)) decided = decision;
+  return decided == LogSystem::journal;
 }
 
 }  // namespace qx::log

@@ -279,7 +279,11 @@ std::int64_t QXStoreCoordinator::copyChanges(const QXEvent& event, qx::ManagedOb
   const auto next = static_cast<std::int64_t>(static_cast<std::uint64_t>(version) + 1);
   std::int64_t changes = 0;
   if (event.isRead() != row.value(kEventReadStatus).boolValue()) {
-    QXLogInfo(event.isRead() ? "Set as read" : "Set as unread");
+    if (event.isRead()) {
+      QXLogInfo("Set as read");
+    } else {
+      QXLogInfo("Set as unread");
+    }
     row.setValue(kEventReadStatus, event.isRead());
     QXLogInfo("Version number = [%ld]", event.isRead() ? next : version);
     changes = event.isRead() ? QXEventStoreChangeMarkedRead : QXEventStoreChangeMarkedUnread;

@@ -38,8 +38,9 @@ void setTimeZone(const char* zone) {
 
 TEST(JournalProtocol, CarriesTheLineAndItsOrigin) {
   std::string datagram;
-  appendJournalEntry({PLVLogType::Error, "com.qx.a", "b", {"Sources/A.cpp", 17, "-[A b]"}, "text = 1"},
-                     &datagram);
+  appendJournalEntry(
+      {PLVLogType::Error, journalOrigin("com.qx.a", "b"), {"Sources/A.cpp", 17, "-[A b]"}, "text = 1"},
+      &datagram);
   const std::map<std::string, std::string> expected{
       {"MESSAGE", "text = 1"},        {"PRIORITY", "3"},
       {"SUBSYSTEM", "com.qx.a"},      {"CATEGORY", "b"},
@@ -49,7 +50,7 @@ TEST(JournalProtocol, CarriesTheLineAndItsOrigin) {
   EXPECT_EQ(journalFields(datagram), expected);
 
   datagram.clear();
-  appendJournalEntry({PLVLogType::Info, {}, {}, {nullptr, 0, nullptr}, {}}, &datagram);
+  appendJournalEntry({PLVLogType::Info, {}, {nullptr, 0, nullptr}, {}}, &datagram);
   const auto fields = journalFields(datagram);
   EXPECT_EQ(fields.at("MESSAGE"), "");
   EXPECT_EQ(fields.count("CODE_FILE") + fields.count("CODE_LINE") + fields.count("CODE_FUNC"), 0U);
@@ -60,7 +61,7 @@ TEST(JournalProtocol, CarriesAnyBytesAsTheyAre) {
       "two\nlines", "\n", "ends\n", "a\0b"s, "\nPRIORITY=0\n", "\xFF\xFE=", std::string(70000, '\n')};
   for (const auto& text : texts) {
     std::string datagram;
-    appendJournalEntry({PLVLogType::Default, "s", text, {"f\nile", 1, "x"}, text}, &datagram);
+    appendJournalEntry({PLVLogType::Default, journalOrigin("s", text), {"f\nile", 1, "x"}, text}, &datagram);
     const auto fields = journalFields(datagram);
     EXPECT_EQ(fields.at("MESSAGE"), text);
     EXPECT_EQ(fields.at("CATEGORY"), text);
@@ -76,10 +77,29 @@ TEST(JournalProtocol, MapsTypesToPriorities) {
       {PLVLogType::Fault, "2", "Fault"},     {static_cast<PLVLogType>(99), "5", "Default"}};
   for (const auto& [type, priority, name] : cases) {
     std::string datagram;
-    appendJournalEntry({type, {}, {}, {}, {}}, &datagram);
+    appendJournalEntry({type, {}, {}, {}}, &datagram);
     EXPECT_EQ(journalFields(datagram).at("PRIORITY"), priority);
     EXPECT_EQ(journalFields(datagram).at("MESSAGE_TYPE"), name);
   }
+}
+
+TEST(SyslogProtocol, TellsTextFromKeysAndKeepsRoomForThem) {
+  ASLMessage message;
+  message.set("Key", "value");
+  const auto lineOf = [&](const std::string& text) {
+    const auto line = syslogLine(5, message, text, kMoment);
+    return line.substr(line.find("]: ") + 3);
+  };
+  EXPECT_EQ(lineOf("a [PLV Key=\"false\"] [PLVx"), "a #133PLV Key=\"false\"] #133PLVx [PLV Key=\"value\"]");
+  EXPECT_EQ(lineOf("\xC2\x9B"
+                   "31m \xC2\xA0"),
+            "#302#23331m \xC2\xA0 [PLV Key=\"value\"]");
+  std::string large = "x";
+  while (large.size() < 3 * kLongestSyslogText)
+    large += "\xE2\x82\xAC";
+  const auto line = lineOf(large);
+  EXPECT_TRUE(line.ends_with("\xE2\x82\xAC... [PLV Key=\"value\"]"));
+  EXPECT_LT(line.size(), kLongestSyslogText + 50);
 }
 
 TEST(SyslogProtocol, WritesOneLineWithAllKeys) {

@@ -83,9 +83,28 @@ TEST_F(PLVLogToJournal, SendsNothingForWhatCannotBeUnderstood) {
   setLevel(PLVLogLevel::Info);
   const std::vector<std::string> formats{"%{public}", "100%", "%s", "%1$d %d", "[%{public}@] %ld"};
   for (const auto& format : formats)
-    QXLogInfo(format, 1);
+    QXLogInfo(log::RuntimeFormat{format}, 1);
   QXLogInfo("understood");
   EXPECT_EQ(next()["MESSAGE"], "understood");
+}
+
+// What the compiler refuses, and what it lets through.
+TEST(CheckedFormat, KnowsWhatAConversionTakes) {
+  using enum log::ArgumentKind;
+  static_assert(log::argumentKind<bool>() == integer && log::argumentKind<std::size_t>() == longInteger);
+  static_assert(log::argumentKind<ErrorPtr>() == text && log::argumentKind<const char*>() == text);
+  static_assert(log::argumentKind<const void*>() == address &&
+                log::argumentKind<unsigned char[16]>() == bytes &&
+                log::argumentKind<std::array<unsigned char, 16>>() == bytes);
+  static_assert(log::goTogether("%d%% %{public}@ %-5.2f", std::array{integer, text, real}));
+  static_assert(log::goTogether("%ld %lu %*.*f %.16P %p",
+                                std::array{integer, longInteger, integer, integer, real, bytes, address}));
+  static_assert(log::goTogether("%{public}@ %s", std::array{none, none}));
+  static_assert(!log::goTogether("%d", std::array{longInteger}));
+  static_assert(!log::goTogether("%d", std::array{text}) && !log::goTogether("%@", std::array{integer}));
+  static_assert(!log::goTogether("%d", std::array<log::ArgumentKind, 0>{}));
+  static_assert(!log::goTogether("none", std::array{integer}));
+  static_assert(!log::goTogether("%n", std::array{address}) && !log::goTogether("%", std::array{integer}));
 }
 
 TEST_F(ConcurrentPLVLogToJournal, TakesLinesOfManyThreads) {
@@ -161,6 +180,19 @@ TEST_F(PLVLogToSyslog, StampsEachLineAndWritesItToStandardErrorToo) {
   }
 }
 
+struct AtThreadEnd {
+  ~AtThreadEnd() { Caller::report(); }
+};
+
+TEST_F(PLVLogToSyslog, TakesTheLastWordsOfAThread) {
+  std::thread([] {
+    static thread_local AtThreadEnd words;  // made first, so it outlives what the log keeps for the thread
+    static_cast<void>(words);
+    Caller::report();
+  }).join();
+  EXPECT_TRUE(syslog.waitFor(2));
+}
+
 TEST_F(PLVLogToSyslog, KeepsALogForEachThread) {
   ASLLog* const own = ASLLog::currentThread();
   EXPECT_EQ(own, ASLLog::currentThread());
@@ -178,24 +210,29 @@ TEST_F(PLVLogToSyslog, KeepsALogForEachThread) {
   EXPECT_TRUE(description.ends_with("\n}")) << description;
 }
 
+template <std::size_t size>
+std::string methodName(const char (&prettyFunction)[size]) {
+  return log::MethodName(prettyFunction).text();
+}
+
 TEST(MethodName, IsReadFromWhatTheCompilerSaysOfAFunction) {
-  const std::map<std::string, std::string> names{
-      {"void QXDatabaseAccessor::initPrivately()", "-[QXDatabaseAccessor initPrivately]"},
-      {"static QXEventStore& QXEventStore::sharedQXEventStore()", "+[QXEventStore sharedQXEventStore]"},
-      {"std::map<int, std::function<void(int)> > qx::A::b(std::function<int(int)>) const", "-[A b]"},
-      {"qx::A::run()::<lambda(int)>", "-[A run]"},
-      {"auto qx::A::run()::(anonymous class)::operator()(int) const", "-[A run]"},
-      {"void qx::{anonymous}::Inner::go()", "-[Inner go]"},
-      {"void qx::(anonymous namespace)::write(int)", "write"},
-      {"int main()", "main"},
-      {"void A::b(T) [with T = int]", "-[A b]"},
-      {"bool A::operator==(int) const", "bool A::operator==(int) const"},
-      {"", ""},
-      {"(", "("},
-      {"::(", "::("},
-  };
-  for (const auto& [pretty, name] : names)
-    EXPECT_EQ(log::methodName(pretty), name);
+  EXPECT_EQ(methodName("void QXDatabaseAccessor::initPrivately()"), "-[QXDatabaseAccessor initPrivately]");
+  EXPECT_EQ(methodName("static QXEventStore& QXEventStore::sharedQXEventStore()"),
+            "+[QXEventStore sharedQXEventStore]");
+  EXPECT_EQ(methodName("std::map<int, std::function<void(int)> > qx::A::b(std::function<int(int)>) const"),
+            "-[A b]");
+  EXPECT_EQ(methodName("qx::A::run()::<lambda(int)>"), "-[A run]");
+  EXPECT_EQ(methodName("auto qx::A::run()::(anonymous class)::operator()(int) const"), "-[A run]");
+  EXPECT_EQ(methodName("void qx::{anonymous}::Inner::go()"), "-[Inner go]");
+  EXPECT_EQ(methodName("void qx::(anonymous namespace)::Inner::go()"), "-[Inner go]");
+  EXPECT_EQ(methodName("void qx::(anonymous namespace)::write(int)"), "write");
+  EXPECT_EQ(methodName("A::A()"), "-[A A]");
+  EXPECT_EQ(methodName("int main()"), "main");
+  EXPECT_EQ(methodName("void A::b(T) [with T = int]"), "-[A b]");
+  EXPECT_EQ(methodName("bool A::operator==(int) const"), "bool A::operator==(int) const");
+  for (const auto& [name, made] : std::map<std::string, std::string>{
+           {methodName(""), ""}, {methodName("("), "("}, {methodName("::("), "::("}, {methodName("x"), "x"}})
+    EXPECT_EQ(name, made);
 }
 
 }  // namespace

@@ -91,17 +91,9 @@ class SpecificationParser {
       : format_(format), start_(percent), position_(percent + 1), blankIsFlag_(blankIsFlag) {}
 
   constexpr std::optional<FormatSpecification> run() {
-    parsePositionOrWidth();
+    if (isNext(FormatSpecification::kDigits)) parsePositionOrWidth();
     if (!parseAnnotation()) return std::nullopt;
-    for (; !atEnd() && isFlag(format_[position_]); ++position_)
-      result_.flags.set(format_[position_]);
-    if (result_.width.kind == FormatNumber::Kind::none) result_.width = parseNumber();
-    if (accept('.')) {
-      result_.precision = parseNumber();
-      if (result_.precision.kind == FormatNumber::Kind::none)
-        result_.precision.kind = FormatNumber::Kind::digits;
-    }
-    result_.length = acceptAll(FormatSpecification::kLengthModifiers);
+    if (!isNext(FormatSpecification::kConversions)) parseLayout();
     if (atEnd()) return std::nullopt;
     result_.conversion = format_[position_++];
     result_.text = format_.substr(start_, position_ - start_);
@@ -111,6 +103,9 @@ class SpecificationParser {
  private:
   constexpr bool isFlag(char character) const {
     return isOneOf(character, "'-+#0") || (blankIsFlag_ && character == ' ');
+  }
+  constexpr bool isNext(const CharacterClass& characters) const {
+    return !atEnd() && characters.has(format_[position_]);
   }
   constexpr bool atEnd() const { return position_ == format_.size(); }
 
@@ -155,6 +150,19 @@ class SpecificationParser {
     result_.annotation = format_.substr(position_, end - position_);
     position_ = end + 1;
     return true;
+  }
+
+  /// Flags, width, precision and length, all of which may be missing.
+  constexpr void parseLayout() {
+    for (; !atEnd() && isFlag(format_[position_]); ++position_)
+      result_.flags.set(format_[position_]);
+    if (result_.width.kind == FormatNumber::Kind::none) result_.width = parseNumber();
+    if (accept('.')) {
+      result_.precision = parseNumber();
+      if (result_.precision.kind == FormatNumber::Kind::none)
+        result_.precision.kind = FormatNumber::Kind::digits;
+    }
+    result_.length = acceptAll(FormatSpecification::kLengthModifiers);
   }
 
   constexpr FormatNumber parseNumber() {

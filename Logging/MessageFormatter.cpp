@@ -275,7 +275,7 @@ bool MessageFormatter::appendSpecification(std::size_t& position) {
     }
   }
   position += specification->text.size();
-  if (specification->isAnnotated || !specification->isConversion()) return text_.append(specification->text);
+  if (!specification->isConversion()) return text_.append(specification->text);
   return appendConversion(*specification);
 }
 

@@ -16,9 +16,9 @@ inline constexpr std::size_t kLongestMessage = std::size_t{1} << 20U;
 /// Larger widths, and larger precisions of numbers, count as this one.
 inline constexpr int kWidestField = 4096;
 
-/// `format`, without annotations, with the arguments in place; what is no conversion is copied as it stands.
-/// Nothing when an argument is missing or of a kind that its conversion cannot take, when conversions with
-/// and without positions are mixed, or when the text would be longer than kLongestMessage.
+/// `format` with the arguments in place, annotations passed over; what is no conversion is copied as it
+/// stands. Nothing when an argument is missing or of a kind that its conversion cannot take, when conversions
+/// with and without positions are mixed, or when the text would be longer than kLongestMessage.
 ///
 /// - "d", "i", "u", "o", "x", "X": an integer that is no larger than the length modifier tells: 64 bits for
 ///   "l", "ll", "j", "z", "t" and "L", else those of int, of which "h" and "hh" keep the low 16 and 8.

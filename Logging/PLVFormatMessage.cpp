@@ -24,6 +24,7 @@ using qx::log::FormatNumber;
 using qx::log::FormatSpecification;
 using qx::log::ReadableMemory;
 
+constexpr std::size_t kRoomForMarkers = 64;  // of most formats
 constexpr std::string_view kMarkerStart = "__PLVLog";
 constexpr std::string_view kMarkerEnd = "__";
 constexpr std::string_view kBinaryData = "binary_data_";
@@ -90,9 +91,12 @@ class FormatRewriter {
 
   /// Empty when no value is to be replaced.
   const std::string& marker() const { return marker_; }
-  std::string_view result() const { return hasRewritten_ ? std::string_view(rewritten_) : format_; }
+  /// The format itself when no value is to be replaced: all that rewriting would do is to drop annotations,
+  /// which the formatter takes no notice of.
+  std::string_view result() const { return marker_.empty() ? format_ : std::string_view(rewritten_); }
 
  private:
+  bool scan();
   bool takeSpecification(const FormatSpecification& specification);
   bool keepsToPositions(const FormatSpecification& specification);
   void append(const FormatNumber& number);
@@ -101,14 +105,28 @@ class FormatRewriter {
   void appendBinaryData(FormatSpecification specification);
 
   const std::string_view format_;
-  std::string rewritten_;
-  bool hasRewritten_ = false;
-  std::size_t copied_ = 0;  // what of the format is in `rewritten_`, once there is one
   std::string marker_;
+  std::string rewritten_;
+  std::size_t copied_ = 0;  // what of the format is in `rewritten_`
+  // Of one scan.
+  bool isRewriting_ = false;  // from the first specification on that is annotated, private or "P"
+  bool hasHidden_ = false;    // a value is to be replaced
   bool hasPositions_ = false;
 };
 
 bool FormatRewriter::run() {
+  if (!scan()) return false;
+  if (!hasHidden_) return true;
+  marker_ = unusedMarker(format_);
+  rewritten_.reserve(format_.size() + kRoomForMarkers);
+  scan();
+  rewritten_ += format_.substr(copied_);
+  return true;
+}
+
+/// The first finds out whether the format can be understood, and whether a second is needed, which writes.
+bool FormatRewriter::scan() {
+  isRewriting_ = hasPositions_ = false;
   for (std::size_t percent = format_.find('%'); percent != std::string_view::npos;) {
     std::size_t end = percent + 2;
     if (format_.substr(percent, 2) != "%%") {
@@ -118,7 +136,6 @@ bool FormatRewriter::run() {
     }
     percent = format_.find('%', end);
   }
-  if (hasRewritten_) rewritten_ += format_.substr(copied_);
   return true;
 }
 
@@ -126,17 +143,21 @@ bool FormatRewriter::takeSpecification(const FormatSpecification& specification)
   if (!keepsToPositions(specification)) return false;
   const Treatment treatment = treatmentOf(specification);
   const bool isBinaryData = specification.conversion == 'P';
-  if (!hasRewritten_ && !specification.isAnnotated && treatment.isPublic) return true;
+  if (!isRewriting_ && !specification.isAnnotated && treatment.isPublic) return true;
+
+  isRewriting_ = true;
+  if (!specification.isConversion() && !isBinaryData) return false;
+  const bool isHidden = !treatment.isPublic || !treatment.type.empty() || isBinaryData;
+  hasHidden_ |= isHidden;
+  if (marker_.empty()) return true;
 
   const auto start = static_cast<std::size_t>(specification.text.data() - format_.data());
   rewritten_ += format_.substr(copied_, start - copied_);
   copied_ = start + specification.text.size();
-  hasRewritten_ = true;
-  if (!specification.isConversion() && !isBinaryData) return false;
-  if (treatment.isPublic && treatment.type.empty() && !isBinaryData) {
-    append(specification);
-  } else {
+  if (isHidden) {
     appendHidden(specification, treatment);
+  } else {
+    append(specification);
   }
   return true;
 }
@@ -174,7 +195,6 @@ void FormatRewriter::append(const FormatSpecification& specification) {
 
 /// Behind the marker and the word for what is to become of the value, in brackets.
 void FormatRewriter::appendHidden(const FormatSpecification& specification, const Treatment& treatment) {
-  if (marker_.empty()) marker_ = unusedMarker(format_);
   rewritten_ += marker_;
   FormatSpecification shown = specification;
   if (shown.conversion == 'P') shown.conversion = 'p';

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "Logging/KeptErrno.h"
+#include "Logging/QuietCall.h"
 #include "Logging/UnifiedLogging.h"
 #include "Platform/BackgroundLoop.h"
 
@@ -29,7 +29,7 @@ void CachedLogLevel::begin() {
 }
 
 PLVLogLevel CachedLogLevel::load() const noexcept {
-  const KeptErrno kept;
+  const QuietCall quiet;
   try {
     return readNow();
   } catch (...) {
@@ -41,16 +41,24 @@ PLVLogLevel CachedLogLevel::readNow() const {
   State& state = *state_;
   const std::lock_guard guard(state.monitor);
   if (const auto level = level_.load(); level != PLVLogLevel::NotLoaded) return level;
+  // First watch, then read: a change in between clears what is stored below.
+  const bool follows = followChanges(state);
+  const auto level = read_();
+  if (follows) level_.store(level, std::memory_order_release);
+  return level;
+}
+
+/// With the monitor held. False when no thread can be had for it: the level must not be kept then.
+bool CachedLogLevel::followChanges(State& state) const {
   if (!unifiedLogging()) {
     synchronizationStopped_ = true;
-    schedule(state_);
-  } else if (!std::exchange(state.observing, true)) {
-    // First watch, then read: a change in between clears what is stored below.
-    state.observation = observe_([weak = std::weak_ptr(state_)] { clear(weak); });
+    return schedule(state_);
   }
-  const auto level = read_();
-  level_.store(level, std::memory_order_release);
-  return level;
+  if (state.observing) return true;
+  if (!BackgroundLoop::shared().after(std::chrono::milliseconds(0), [] {})) return false;
+  state.observation = observe_([weak = std::weak_ptr(state_)] { clear(weak); });
+  state.observing = true;
+  return true;
 }
 
 void CachedLogLevel::set(PLVLogLevel level) {
@@ -69,9 +77,9 @@ void CachedLogLevel::scheduleSynchronization() {
   schedule(state_);
 }
 
-void CachedLogLevel::schedule(const std::shared_ptr<State>& state) {
-  BackgroundLoop::shared().after(std::chrono::minutes(1),
-                                 [weak = std::weak_ptr(state)] { synchronize(weak); });
+bool CachedLogLevel::schedule(const std::shared_ptr<State>& state) {
+  return BackgroundLoop::shared().after(std::chrono::minutes(1),
+                                        [weak = std::weak_ptr(state)] { synchronize(weak); });
 }
 
 void CachedLogLevel::synchronize(const std::weak_ptr<State>& weak) {
@@ -81,8 +89,8 @@ void CachedLogLevel::synchronize(const std::weak_ptr<State>& weak) {
   const auto* const owner = state->owner;
   if (owner == nullptr) return;
   const bool nobodyAsked = owner->synchronizationStopped_.exchange(true);
-  owner->level_ = nobodyAsked ? PLVLogLevel::NotLoaded : owner->read_();
-  if (!nobodyAsked) schedule(state);
+  owner->level_ = PLVLogLevel::NotLoaded;  // and stays so if what follows fails
+  if (!nobodyAsked && schedule(state)) owner->level_ = owner->read_();
 }
 
 void CachedLogLevel::abandon() {

@@ -55,7 +55,8 @@ class CachedLogLevel {
   PLVLogLevel load() const noexcept;
   PLVLogLevel readNow() const;
   static void clear(const std::weak_ptr<State>& weak);
-  static void schedule(const std::shared_ptr<State>& state);
+  bool followChanges(State& state) const;
+  static bool schedule(const std::shared_ptr<State>& state);
   static void synchronize(const std::weak_ptr<State>& weak);
 
   const Load read_;

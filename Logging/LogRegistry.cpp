@@ -16,8 +16,8 @@
 #include "Logging/ASLClient.h"
 #include "Logging/Backlog.h"
 #include "Logging/JournalLog.h"
-#include "Logging/KeptErrno.h"
 #include "Logging/LogUserDefaults.h"
+#include "Logging/QuietCall.h"
 #include "Logging/UnifiedLogging.h"
 
 extern "C" {
@@ -52,6 +52,21 @@ void afterForkInChild() {
   ownRegistry().lock.unlock();
 }
 
+/// For the same reason as in load(): fork() waits for the lock. Not made earlier, since the volume root is
+/// asked for; under the lock of this image, since that is where its other locks come after.
+void makeTransport() {
+  const std::lock_guard guard(ownRegistry().lock);
+  unifiedLogging() ? JournalLog::transport() : ASLClient::transport();
+}
+
+/// The object of that name, made when the table has none; the table never holds one that is not whole.
+template <typename Object, typename... Arguments>
+Object& madeOnce(NameTable<Object>& table, const char* name, Arguments&... arguments) {
+  const auto known = table.find(name);
+  if (known != table.end()) return *known->second;
+  return *table.emplace(name, std::make_unique<Object>(name, arguments...)).first->second;
+}
+
 __attribute__((constructor)) void loadImage() {
   LogSubsystem::load();
 }
@@ -80,17 +95,14 @@ void LogSubsystem::load() {
 }
 
 LogCategory& LogSubsystem::resolve(PLVLogCategoryDescriptor& context) {
-  const qx::log::KeptErrno kept;
+  const qx::log::QuietCall kept;
   load();
+  qx::log::makeTransport();
   auto& registry = qx::log::sharedLogRegistry();
   const std::lock_guard guard(registry.lock);
   if (auto* const resolved = context.category().load()) return *resolved;
-  auto& subsystem = registry.subsystems[context.subsystemName()];
-  if (!subsystem) subsystem = std::make_unique<LogSubsystem>(context.subsystemName());
-  auto& category = subsystem->categories()[context.categoryName()];
-  // For the same reason: fork() waits for the lock. Not earlier, since the volume root is asked for.
-  qx::log::unifiedLogging() ? qx::log::JournalLog::transport() : qx::log::ASLClient::transport();
-  if (!category) category = std::make_unique<LogCategory>(context.categoryName(), *subsystem);
-  context.category().store(category.get(), std::memory_order_release);
-  return *category;
+  auto& subsystem = qx::log::madeOnce(registry.subsystems, context.subsystemName());
+  auto& category = qx::log::madeOnce(subsystem.categories(), context.categoryName(), subsystem);
+  context.category().store(&category, std::memory_order_release);
+  return category;
 }

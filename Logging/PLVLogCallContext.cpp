@@ -1,12 +1,12 @@
 #include "Logging/PLVLogCallContext.h"
 
 #include "Logging/ASLLog.h"
-#include "Logging/KeptErrno.h"
 #include "Logging/LogSubsystem.h"
 #include "Logging/PLVFormatMessage.h"
+#include "Logging/QuietCall.h"
 #include "Logging/UnifiedLogging.h"
 
-using qx::log::KeptErrno;
+using qx::log::QuietCall;
 
 PLVLogCallContext::PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
     : descriptor_(descriptor), type_(type) {
@@ -29,7 +29,7 @@ void PLVLogCallContext::evaluate() {
 }
 
 void PLVLogCallContext::evaluateOnSystemLog() {
-  const KeptErrno kept;
+  const QuietCall quiet;
   auto* log = ASLLog::currentThread();
   if (log == nullptr) log = lateLog_ = new ASLLog;
   evaluation_ = log->client().evaluateSend(qx::log::levelOfLogType(type_));
@@ -46,7 +46,7 @@ void PLVLogCallContext::letGo() {
 [[gnu::noinline]] void PLVLogCallContext::sendArguments(
     const PLVLogSource& source, std::string_view format,
     std::initializer_list<qx::log::Argument> arguments) const {
-  const KeptErrno kept;
+  const QuietCall quiet;
   const auto text = PLVFormatMessage(format, arguments);
   if (!text) return;
   if (journal_ != nullptr) return journal_->send(type_, source, *text);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "Logging/EventStoreLog.h"
 #include "Logging/LogUserDefaults.h"
@@ -24,11 +25,12 @@ std::string_view keyOf(const PLVLogLevelPlace& place) {
   return place.owner == category ? std::string_view(kEventStoreLog.categoryName()) : kPLVLogLevelKey;
 }
 
-PLVLogLevelSetting read(const PLVLogLevelPlace& place) {
+/// What is set there, and whether there is anything, a level or not.
+std::pair<PLVLogLevelSetting, bool> read(const PLVLogLevelPlace& place) {
   PLVLogLevelSetting setting{place, qx::preferencesPath(suiteOf(place), place.scope).value_or("")};
   const auto value = qx::preferenceValue(keyOf(place), suiteOf(place), place.scope, &setting.problem);
   if (value) setting.level = com_qx_eventstoring_logLevelWithString(value->stringValue());
-  return setting;
+  return {std::move(setting), value.has_value()};
 }
 
 }  // namespace
@@ -45,10 +47,14 @@ PLVLogLevelStatus PLVLogLevelsFor(const qx::String& application) {
     if (owner == PLVLogLevelOwner::application && !application) continue;
     auto& level = levels.at(static_cast<std::size_t>(owner));
     level = PLVLogLevel::Inherit;
+    bool isDecided = false;
     for (const auto scope : kScopes) {
-      auto setting = read({owner, scope, application.value_or("")});
+      auto [setting, hasKey] = read({owner, scope, application.value_or("")});
       const bool isSet = setting.level != PLVLogLevel::Inherit;
-      if (isSet && level == PLVLogLevel::Inherit) level = setting.level;
+      if (!isDecided && isSet) level = setting.level;
+      // User defaults give what they find first, be it a level or not; a subsystem looks for a level.
+      const bool isOfDefaults = owner == PLVLogLevelOwner::application || owner == maker;
+      isDecided = isDecided || isSet || (hasKey && isOfDefaults);
       if (isSet || setting.problem) status.settings.push_back(std::move(setting));
     }
   }

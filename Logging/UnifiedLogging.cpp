@@ -1,13 +1,13 @@
 #include "Logging/UnifiedLogging.h"
 
 #include "Logging/JournalLog.h"
-#include "Logging/KeptErrno.h"
+#include "Logging/QuietCall.h"
 #include "Platform/Host.h"
 
 namespace qx::log {
 
 bool decideLogSystem() {
-  const KeptErrno kept;
+  const QuietCall quiet;
   const auto& host = Host::current();
   const bool hasJournal = host.fileExists(host.resolve(kJournalSocketPath));
   // Of several threads that ask at once, the first decides.

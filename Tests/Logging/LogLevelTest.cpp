@@ -160,6 +160,23 @@ TEST_F(ConcurrentLogLevel, FollowsWhatAnotherProcessSetsAndTakesBack) {
   }
 }
 
+TEST_F(LogLevel, IsReadByTheChildOfAForkDuringTheFirstCall) {
+  for (int round = 0; round < 100; ++round) {
+    ChildProcess child([](const ChildProcess::Line&) {
+      std::jthread first([] { isSent(Type::Debug); });
+      const pid_t process = ::fork();
+      if (process == 0) {
+        ::alarm(30);
+        ::_exit(isSent(Type::Debug) ? 1 : 0);
+      }
+      int status = 0;
+      ::waitpid(process, &status, 0);
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+    });
+    ASSERT_EQ(child.exitStatus(), 0) << "round " << round;
+  }
+}
+
 TEST_F(LogLevel, IsWatchedAnewByTheChildOfAFork) {
   EXPECT_FALSE(isSent(Type::Debug));  // watches now
   ChildProcess child([](const ChildProcess::Line& line) {

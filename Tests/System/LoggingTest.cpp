@@ -96,6 +96,18 @@ TEST_F(Logging, LosesNoLineOfAProcessWhileItsDaemonIsAway) {
   EXPECT_EQ(std::count_if(lines.begin(), lines.end(), tellsOfAdd), 21);
 }
 
+// A word that is no level, in front of one: what the tool tells is what a process does.
+TEST_F(Logging, AgreesWithItsProcessesOnWhatIsNoLevel) {
+  ASSERT_EQ(logLevel({"info", "--maker", "--all-users"}).exitCode, 0);
+  ASSERT_EQ(logLevel({"debug", "--maker"}).exitCode, 0);
+  const std::string file = root() + "/config/QXEventStoring/com.qx.device.logging.plist";
+  auto list = contentsOf(file);
+  list.replace(list.find("debug"), 5, "loud");
+  std::ofstream(file) << list;
+  EXPECT_TRUE(logLevel({}).output.starts_with("Level:   none\n"));
+  EXPECT_EQ(Process::run({QX_TOOL, "--volume-root", root(), "count"}).errors, "");
+}
+
 TEST_F(Logging, TellsItsLevelsAndRefusesWhatIsNone) {
   EXPECT_EQ(logLevel({}).output, "Level:   none\nSent to: syslog and standard error\n");
   const auto set = logLevel({"debug", "--application", "com.example.agent"});
@@ -117,6 +129,7 @@ TEST_F(Logging, TellsItsLevelsAndRefusesWhatIsNone) {
   ASSERT_EQ(logLevel({"info", "--maker", "--all-users"}).exitCode, 0);
   ASSERT_TRUE(fs::exists(file));
   std::ofstream(file) << "<plist>damaged";
+  EXPECT_EQ(logLevel({"info"}).exitCode, 0);
   const auto damaged = logLevel({});
   EXPECT_EQ(damaged.exitCode, 1);
   EXPECT_NE(damaged.errors.find(file), std::string::npos) << damaged.errors;

@@ -115,7 +115,8 @@ int runLogLevel(Context& context, const LogLevelOptions& options) {
       return kFailed;
     }
   }
-  return show(context, options.application);
+  const int shown = show(context, options.application);
+  return options.level ? kDone : shown;  // it was set, whatever else there is to complain of
 }
 
 PLVLogLevel parseLevel(const std::string& text) {

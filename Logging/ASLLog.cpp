@@ -70,6 +70,6 @@ std::string ASLLog::description() {
   std::string text =
       "<com.qx.eventstoring.ASLLog: " + address(this) + ">{\n\tclient: " + address(&client_) + "\n";
   for (const auto& [key, value] : preparedMessage().entries())
-    text += "\t" + key + ": " + value + "\n";
+    text.append("\t").append(key).append(": ").append(value).append("\n");
   return text + "}";
 }

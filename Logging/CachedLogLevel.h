@@ -18,7 +18,7 @@ namespace qx::log {
 class CachedLogLevel {
  public:
   using Load = std::function<PLVLogLevel()>;
-  using Observe = std::function<Observation(std::function<void()> changed)>;
+  using Observe = std::function<Observation(const std::function<void()>& changed)>;
 
   /// `load` reads the level; `observe` begins to watch what it is read from.
   CachedLogLevel(Load load, Observe observe);

@@ -16,9 +16,11 @@ namespace qx::log {
 enum class ArgumentKind : std::uint8_t { none, integer, longInteger, real, text, utf16, address, bytes };
 
 template <typename Type>
-inline constexpr bool isByteArray = false;
+inline constexpr bool isBytes = std::is_convertible_v<Type, Argument::Bytes>;
 template <std::size_t size>
-inline constexpr bool isByteArray<std::array<unsigned char, size>> = true;
+inline constexpr bool isBytes<std::array<unsigned char, size>> = true;
+template <std::size_t size>
+inline constexpr bool isBytes<unsigned char[size]> = true;
 
 template <typename Type>
 constexpr ArgumentKind argumentKind() {
@@ -30,15 +32,12 @@ constexpr ArgumentKind argumentKind() {
     return ArgumentKind::real;
   } else if constexpr (std::is_convertible_v<Type, std::u16string_view>) {
     return ArgumentKind::utf16;
-  } else if constexpr (std::is_convertible_v<Type, std::string_view>) {
-    return ArgumentKind::text;
-  } else if constexpr (std::is_pointer_v<Type>) {
+  } else if constexpr (std::is_pointer_v<Type> && !std::is_convertible_v<Type, std::string_view>) {
     return ArgumentKind::address;
-  } else if constexpr (std::is_convertible_v<Type, Argument::Bytes> || std::is_array_v<Type> ||
-                       isByteArray<Type>) {
+  } else if constexpr (isBytes<Type>) {
     return ArgumentKind::bytes;
   } else {
-    return ArgumentKind::text;  // an object
+    return ArgumentKind::text;  // or an object
   }
 }
 

@@ -1,7 +1,5 @@
 #include "Logging/LogCategory.h"
 
-#include <utility>
-
 #include "Logging/LogSubsystem.h"
 #include "Logging/LogUserDefaults.h"
 #include "Logging/UnifiedLogging.h"
@@ -11,8 +9,8 @@ LogCategory::LogCategory(const char* name, LogSubsystem& subsystem)
       subsystem_(subsystem),
       log_(*this),
       level_([this] { return subsystem_.levelForKey(preferenceKey()); },
-             [this](std::function<void()> changed) {
-               return subsystem_.userDefaults().observe(std::move(changed));
+             [this](const std::function<void()>& changed) {
+               return subsystem_.userDefaults().observe(changed);
              }) {}
 
 bool LogCategory::logsType(PLVLogType type) const noexcept {

@@ -1,7 +1,6 @@
 #include "Logging/LogSubsystem.h"
 
 #include <array>
-#include <utility>
 
 #include "Platform/Preferences.h"
 
@@ -9,7 +8,7 @@ LogSubsystem::LogSubsystem(const char* name)
     : name_(name),
       userDefaults_(userDefaultsSuiteName()),
       level_([this] { return levelForKey(kPLVLogLevelKey); },
-             [this](std::function<void()> changed) { return userDefaults_.observe(std::move(changed)); }) {}
+             [this](const std::function<void()>& changed) { return userDefaults_.observe(changed); }) {}
 
 std::string LogSubsystem::userDefaultsSuiteName() const {
   return std::string(name_) + ".logging";

@@ -6,7 +6,7 @@ namespace {
 
 qx::log::CachedLogLevel levelOf(const qx::UserDefaults& defaults) {
   return {[&defaults] { return com_qx_eventstoring_logLevelForKey(defaults, kPLVLogLevelKey); },
-          [&defaults](std::function<void()> changed) { return defaults.observe(std::move(changed)); }};
+          [&defaults](const std::function<void()>& changed) { return defaults.observe(changed); }};
 }
 
 }  // namespace

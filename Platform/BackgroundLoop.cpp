@@ -4,11 +4,10 @@
 #include "Platform/BackgroundLoop.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
-#include <climits>
+#include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "Platform/FileDescriptor.h"
+#include "Platform/OwnDescriptor.h"
 #include "Platform/PerProcess.h"
 #include "Platform/QuietThread.h"
 
@@ -32,8 +32,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLongestDelay = std::chrono::hours(24 * 365 * 100);  // far from the clock's last value
-constexpr milliseconds kForEver{INT_MAX};
-constexpr milliseconds kPause{1000};  // while poll(2) fails, or nothing could wake it
+constexpr milliseconds kLongestSleep{5000};  // in poll(2): whoever closes our descriptors may lose a wake-up
+constexpr milliseconds kPause{1000};         // while poll(2) fails, or nothing could wake it
 
 void runTask(const BackgroundLoop::Task& task) {
   try {
@@ -41,6 +41,42 @@ void runTask(const BackgroundLoop::Task& task) {
   } catch (...) {  // NOLINT(bugprone-empty-catch)
   }
 }
+
+/// Ends another thread's poll(2). A socket pair and no eventfd(2): its ends can be told from the program's
+/// own files, its calls refuse what is no socket, and it wakes the reader when the writer's end is closed.
+/// One thread at a time.
+class WakeUp {
+ public:
+  /// The descriptor to poll; made anew when it is not ours any more, -1 when it cannot be had.
+  int descriptor() {
+    if (!reader_.isOurs() || !writer_.isOurs()) make();
+    return reader_.get();
+  }
+  void send() const {
+    if (writer_.isOurs()) ::send(writer_.get(), "", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+  void take() const {
+    std::array<char, 256> bytes{};
+    if (reader_.isOurs()) ::recv(reader_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  }
+  void close() {
+    reader_.reset();
+    writer_.reset();
+  }
+
+ private:
+  void make() {
+    close();
+    std::array<int, 2> ends{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
+    reader_ = OwnDescriptor(FileDescriptor(ends[0]));
+    writer_ = OwnDescriptor(FileDescriptor(ends[1]));
+    if (reader_.get() < 0 || writer_.get() < 0) close();
+  }
+
+  OwnDescriptor reader_;
+  OwnDescriptor writer_;
+};
 
 }  // namespace
 
@@ -54,7 +90,7 @@ struct BackgroundLoop::State {
   std::condition_variable ended;                  // a descriptor's task has ended
   std::multimap<Clock::time_point, Task> timers;  // those of the same time in order of arrival
   std::map<int, SharedTask> readers;
-  FileDescriptor wakeUp;  // an eventfd, made when it is first needed
+  WakeUp wakeUp;
   bool polling = false;
   int runningReader = -1;      // the descriptor whose task runs
   std::uint64_t readsRun = 0;  // descriptors' tasks that have ended
@@ -64,7 +100,7 @@ struct BackgroundLoop::State {
 
   void leaveToParent() {
     leftBehind = true;
-    wakeUp.reset();
+    wakeUp.close();
   }
 
   // With the mutex held, all of them; those that take it let it go meanwhile.
@@ -83,9 +119,7 @@ struct BackgroundLoop::State {
 
   void wake() {
     changed.notify_all();
-    constexpr std::uint64_t kOne = 1;
-    if (!polling || !wakeUp) return;
-    [[maybe_unused]] const ssize_t written = ::write(wakeUp.get(), &kOne, sizeof kOne);
+    if (polling) wakeUp.send();
   }
 
   void runFirstTimer(Guard& guard) {
@@ -135,49 +169,39 @@ struct BackgroundLoop::State {
     }
   }
 
-  /// How long to sleep at most; -1 for ever, as poll(2) counts.
-  int sleepLimit(milliseconds longest) const {
+  /// How long to sleep at most.
+  milliseconds sleepLimit(milliseconds longest) const {
     const auto due = nextDue();
-    if (!due) return longest == kForEver ? -1 : static_cast<int>(longest.count());
-    const auto left = std::chrono::ceil<milliseconds>(*due - Clock::now());
-    return static_cast<int>(std::clamp(left, milliseconds(0), longest).count());
+    if (!due) return longest;
+    return std::clamp(std::chrono::ceil<milliseconds>(*due - Clock::now()), milliseconds(0), longest);
   }
 
   void awaitReaders(Guard& guard) {
-    if (!wakeUp) wakeUp = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     Polled polled;
-    polled.descriptors.push_back({wakeUp.get(), POLLIN, 0});
+    polled.descriptors.push_back({wakeUp.descriptor(), POLLIN, 0});
     for (const auto& [descriptor, task] : readers) {
       polled.descriptors.push_back({descriptor, POLLIN, 0});
       polled.tasks.push_back(task);
     }
-    const int limit = sleepLimit(wakeUp ? kForEver : kPause);
+    const bool canBeWoken = polled.descriptors.front().fd >= 0;
+    const auto limit = static_cast<int>(sleepLimit(canBeWoken ? kLongestSleep : kPause).count());
     polling = true;
     guard.unlock();
     const int ready = ::poll(polled.descriptors.data(), polled.descriptors.size(), limit);
     guard.lock();
     polling = false;
     if (ready > 0) runReaders(polled, guard);
-    if (ready < 0) changed.wait_for(guard, milliseconds(sleepLimit(kPause)));
+    if (ready < 0) changed.wait_for(guard, sleepLimit(kPause));
     guard.unlock();
     polled.tasks.clear();  // the last of an unwatched task may go with them
     guard.lock();
   }
 
   void runReaders(const Polled& polled, Guard& guard) {
-    takeWakeUp(polled.descriptors.front());
+    if (polled.descriptors.front().revents != 0) wakeUp.take();
     for (std::size_t i = 0; i < polled.tasks.size() && !leftBehind; ++i) {
       const pollfd& descriptor = polled.descriptors[i + 1];
       if (descriptor.revents != 0) runReader(descriptor, polled.tasks[i], guard);
-    }
-  }
-
-  void takeWakeUp(const pollfd& polled) {
-    if ((polled.revents & POLLNVAL) != 0) {
-      wakeUp.release();  // somebody has closed it: the number is not ours any more
-    } else if (polled.revents != 0) {
-      std::uint64_t count = 0;
-      [[maybe_unused]] const ssize_t taken = ::read(wakeUp.get(), &count, sizeof count);
     }
   }
 

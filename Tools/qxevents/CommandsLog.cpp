@@ -1,5 +1,7 @@
 #include <array>
 #include <memory>
+#include <set>
+#include <string>
 
 #include <fmt/format.h>
 
@@ -82,11 +84,23 @@ std::string statusJson(const PLVLogLevelStatus& status) {
                      PLVNameOfLogLevel(status.effective), destinationOf(status), settings);
 }
 
+/// Names each file that could not be used; kFailed when there is one.
+int complainOfProblems(const PLVLogLevelStatus& status) {
+  std::set<std::string> named;  // a category and its subsystem share theirs
+  for (const auto& setting : status.settings) {
+    if (setting.problem == nullptr || !named.insert(setting.file).second) continue;
+    complain(*setting.problem, "log level");
+    complain(fmt::format("repair or remove {}", printable(setting.file)));
+  }
+  return named.empty() ? kDone : kFailed;
+}
+
 int show(Context& context, const qx::String& application) {
   const auto status = PLVLogLevelsFor(application);
   if (context.json) {
     context.output.write(statusJson(status));
-    return kDone;
+    context.output.flush();
+    return complainOfProblems(status);
   }
   context.output.write(
       fmt::format("Level:   {}\nSent to: {}\n", PLVNameOfLogLevel(status.effective), destinationOf(status)));
@@ -98,13 +112,7 @@ int show(Context& context, const qx::String& application) {
   }
   table.print(context.output, context.width, context.color);
   context.output.flush();
-  bool isWhole = true;
-  for (const auto& setting : status.settings) {
-    if (!setting.problem) continue;
-    complain(*setting.problem, printable(setting.file));
-    isWhole = false;
-  }
-  return isWhole ? kDone : kFailed;
+  return complainOfProblems(status);
 }
 
 int runLogLevel(Context& context, const LogLevelOptions& options) {
@@ -119,40 +127,69 @@ int runLogLevel(Context& context, const LogLevelOptions& options) {
   return options.level ? kDone : shown;  // it was set, whatever else there is to complain of
 }
 
-PLVLogLevel parseLevel(const std::string& text) {
+PLVLogLevel parseLevel(std::string text) {
+  for (char& letter : text) {
+    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+  }
   for (const auto level : kLevels) {
     if (text == PLVNameOfLogLevel(level)) return level;
   }
   throw CLI::ValidationError("log-level",
-                             fmt::format("\"{}\" is none of none, default, info, debug", excerpt(text)));
+                             fmt::format("\"{}\" must be one of none, default, info, debug", excerpt(text)));
+}
+
+/// Bundle identifiers, which are names of preference files too.
+void checkApplication(const std::string& name) {
+  const bool isIdentifier =
+      !name.empty() && name.size() <= 200 && name.front() != '.' &&
+      name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_") ==
+          std::string::npos;
+  if (isIdentifier) return;
+  throw CLI::ValidationError(
+      "--application",
+      fmt::format("\"{}\" is no bundle identifier, such as com.example.agent", excerpt(name)));
 }
 
 }  // namespace
 
 void addLogCommand(CLI::App& app, Context& context) {
   auto& command = *app.add_subcommand("log-level",
-                                      "Shows how much the library logs for this user, or sets it: for "
-                                      "running processes at once with journald,\n"
-                                      "else within a minute.");
+                                      "Shows how much the library logs for this user, and where to; or sets "
+                                      "it: for running processes at once\n"
+                                      "with journald, else within a minute.");
   const auto options = std::make_shared<LogLevelOptions>();
+  auto* const level =
+      command
+          .add_option_function<std::string>(
+              "level", [options](const std::string& text) { options->level = parseLevel(text); },
+              "info (every step), debug, default (neither, where a level of more users or "
+              "programs asks for one), or none (as if never set)")
+          ->type_name("LEVEL");
+  const auto addPlace = [&](const std::string& name, bool& flag, const std::string& help) {
+    return command.add_flag(name, flag, help)->needs(level);
+  };
+  auto* const subsystem = addPlace("--subsystem", options->subsystem,
+                                   "Of every category of the subsystem that has no level of its own");
+  auto* const maker = addPlace("--maker", options->maker, "Of every program of this maker; can only raise");
   command
       .add_option_function<std::string>(
-          "level", [options](const std::string& text) { options->level = parseLevel(text); },
-          "none (as if never set), default, info or debug; without it the levels are shown")
-      ->type_name("LEVEL");
-  auto* const subsystem = command.add_flag("--subsystem", options->subsystem,
-                                           "Of every category of the subsystem that has no level of its own");
-  auto* const maker =
-      command.add_flag("--maker", options->maker, "Of every program of this maker; can only raise");
-  addText(command, "--application", options->application,
+          "--application",
+          [options](const std::string& text) {
+            checkApplication(text);
+            options->application = text;
+          },
           "Of the application with this bundle identifier; can only raise")
+      ->type_name("ID")
       ->excludes(subsystem)
       ->excludes(maker);
   subsystem->excludes(maker);
   auto* const allUsers =
-      command.add_flag("--all-users", options->allUsers, "For every user of this machine (as root)");
-  command.add_flag("--this-machine", options->thisMachine, "For this user on this machine only")
-      ->excludes(allUsers);
+      addPlace("--all-users", options->allUsers, "For every user who has set none (as root)");
+  addPlace("--this-machine", options->thisMachine, "For this user on this machine only")->excludes(allUsers);
+  command.footer(
+      "The log: journalctl --follow SUBSYSTEM=com.qx.device.monitoring\n"
+      "or, without journald, /var/log/syslog and each program's standard error.\n"
+      "An application's own level is shown with --application only.");
   command.callback([&context, options] {
     context.command = [&context, options] { return runLogLevel(context, *options); };
   });

@@ -24,7 +24,8 @@ std::string nameBehind(const char* name, const inotify_event& event) {
 
 /// Whether the number still stands for an inotify instance: a program may close descriptors that it does not
 /// know, and the next file it opens has the number then. As proc(5) shows it; yes when there is no /proc.
-bool isInotify(const FileDescriptor& descriptor) {
+bool isInotify(const OwnDescriptor& descriptor) {
+  if (!descriptor.isOurs()) return false;
   constexpr std::string_view kInotify = "anon_inode:inotify";
   char shown[64];
   const std::string link = "/proc/self/fd/" + std::to_string(descriptor.get());
@@ -35,7 +36,7 @@ bool isInotify(const FileDescriptor& descriptor) {
 }  // namespace
 
 int DirectoryWatches::open() {
-  if (!inotify_) inotify_ = FileDescriptor(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (inotify_.get() < 0) inotify_ = OwnDescriptor(FileDescriptor(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)));
   return inotify_.get();
 }
 
@@ -63,8 +64,16 @@ void DirectoryWatches::remove(const Entry& entry) {
   directories_.erase(directory);
 }
 
+void DirectoryWatches::close() {
+  if (isInotify(inotify_)) {
+    inotify_.reset();
+  } else {
+    inotify_.forget();
+  }
+}
+
 std::nullopt_t DirectoryWatches::beginAgain() {
-  inotify_.reset();
+  close();
   directories_.clear();
   return std::nullopt;
 }
@@ -74,7 +83,6 @@ std::optional<std::set<DirectoryWatches::Watcher>> DirectoryWatches::read() {
   const bool ours = isInotify(inotify_);
   const ssize_t count = ours ? ::read(inotify_.get(), buffer, sizeof buffer) : 0;
   if (!ours || (count < 0 && errno != EAGAIN && errno != EINTR)) {
-    inotify_.release();
     return beginAgain();
   }
   std::set<Watcher> concerned;

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "Platform/FileDescriptor.h"
+#include "Platform/OwnDescriptor.h"
 
 namespace qx {
 
@@ -29,7 +29,8 @@ class DirectoryWatches {
 
   /// The inotify instance, made when there is none; negative, with errno set, when none can be had.
   int open();
-  void close() { inotify_.reset(); }
+  /// Leaves the number alone when it is not ours any more.
+  void close();
 
   /// Tells `watcher` from now on of `name` in `directory` (not through a symbolic link), and when the
   /// directory itself goes or moves. Empty, with errno set, when the kernel refuses.
@@ -46,7 +47,7 @@ class DirectoryWatches {
 
   std::nullopt_t beginAgain();
 
-  FileDescriptor inotify_;
+  OwnDescriptor inotify_;
   std::map<int, Names> directories_;  // by the kernel's number
 };
 

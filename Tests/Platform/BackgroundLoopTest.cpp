@@ -3,14 +3,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <future>
+#include <set>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -168,6 +172,45 @@ TEST(ConcurrentBackgroundLoop, GoesOnWhileTheProcessMayHaveNoDescriptors) {
   pipe.put();
   EXPECT_TRUE(read.wait());
   BackgroundLoop::shared().unwatch(pipe.reader.get());
+}
+
+std::set<int> openSockets() {
+  std::set<int> sockets;
+  for (int number = 0; number < 100; ++number) {
+    struct stat status {};
+    if (::fstat(number, &status) == 0 && S_ISSOCK(status.st_mode)) sockets.insert(number);
+  }
+  return sockets;
+}
+
+TEST(ConcurrentBackgroundLoop, LeavesAloneWhatHasTakenTheNumbersOfItsDescriptors) {
+  if (!kMayLackDescriptors) GTEST_SKIP();
+  constexpr std::string_view kContent = "0123456789abcdef";
+  const TemporaryDirectory directory;
+  std::ofstream(directory.path() + "/file") << kContent;
+  const FileDescriptor file(::open((directory.path() + "/file").c_str(), O_RDWR | O_CLOEXEC));
+  const Pipe quiet;
+  const Pipe watched;
+  const std::set<int> before = openSockets();
+  for (const int taker : {file.get(), quiet.reader.get()}) {
+    ASSERT_TRUE(BackgroundLoop::shared().watchReadable(watched.reader.get(), [] {}) && runsTasks());
+    EXPECT_TRUE(runsTasks());
+    int taken = 0;
+    for (const int number : openSockets()) {
+      if (before.count(number) == 0) ++taken, ::dup2(taker, number);
+    }
+    EXPECT_GT(taken, 0);
+    const auto spentBefore = std::clock();
+    Signal due;
+    BackgroundLoop::shared().after(milliseconds(300), [&] { due.send(); });
+    EXPECT_TRUE(due.wait());
+    EXPECT_LT(std::clock() - spentBefore, CLOCKS_PER_SEC / 5) << "processor time of a loop that rests";
+    BackgroundLoop::shared().unwatch(watched.reader.get());
+  }
+  EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 0);
+  std::string content(2 * kContent.size(), '\0');
+  content.resize(static_cast<std::size_t>(::pread(file.get(), content.data(), content.size(), 0)));
+  EXPECT_EQ(content, kContent);
 }
 
 // Not under the thread sanitizer, which has no threads in the child of a process with threads.

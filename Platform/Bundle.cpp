@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "Platform/FileDescriptor.h"
+#include "Platform/ForkSafety.h"
 #include "Platform/Host.h"
 #include "Platform/PropertyList.h"
 #include "Platform/StringsTable.h"
@@ -78,9 +79,11 @@ struct MainIdentifier {
 };
 
 MainIdentifier& theMainIdentifier() {
-  static MainIdentifier& main = *new MainIdentifier;  // never destroyed: threads may outlive main()
-  return main;
+  return KeptThroughFork<MainIdentifier>::get();
 }
+
+MadeOnce<Bundle> mainBundleMade;
+MadeOnce<Bundle> libraryMade;
 
 }  // namespace
 
@@ -100,20 +103,25 @@ struct Bundle::Translations {
 
 Bundle::Bundle() : translations_(std::make_shared<Translations>()) {}
 
+void prepareBundleForFork() {
+  theMainIdentifier();
+}
+
 const Bundle& Bundle::mainBundle() {
-  static const Bundle& bundle = *[] {
+  return mainBundleMade.get([]() -> std::unique_ptr<const Bundle> {
     const std::string executable = runningProgram();
     const std::string application = applicationAround(executable);
     if (!application.empty()) {
-      if (std::optional<Bundle> around = readApplicationBundle(application)) return new Bundle(*around);
+      if (std::optional<Bundle> around = readApplicationBundle(application)) {
+        return std::make_unique<const Bundle>(*std::move(around));
+      }
     }
-    auto* const plain = new Bundle;
+    std::unique_ptr<Bundle> plain(new Bundle);
     plain->path_ = folderOf(executable);
     plain->resources_ = plain->path_;
     plain->executable_ = executable;
     return plain;
-  }();
-  return bundle;
+  });
 }
 
 void Bundle::setMainBundleIdentifier(std::string_view identifier) {
@@ -123,13 +131,12 @@ void Bundle::setMainBundleIdentifier(std::string_view identifier) {
 }
 
 const Bundle& Bundle::library() {
-  static const Bundle& bundle = *[] {
-    auto* const made = new Bundle;
+  return libraryMade.get([]() -> std::unique_ptr<const Bundle> {
+    std::unique_ptr<Bundle> made(new Bundle);
     made->path_ = folderOf(fileOfThisCode()) + "/QXEventStoring";
     made->resources_ = made->path_ + "/Resources";
     return made;
-  }();
-  return bundle;
+  });
 }
 
 std::unique_ptr<Bundle> Bundle::atPath(std::string_view path) {

@@ -32,6 +32,7 @@
 
 #include "Platform/BackgroundLoop.h"
 #include "Platform/DirectoryWatches.h"
+#include "Platform/ForkSafety.h"
 #include "Platform/ObserverList.h"
 #include "Platform/PerProcess.h"
 
@@ -277,6 +278,10 @@ void endWatch(const std::shared_ptr<Watch>& watch, DirectoryWatches::Watcher num
 }
 
 }  // namespace
+
+void prepareFileWatchForFork() {
+  theWatches();
+}
 
 Observation watchFile(const std::string& path, std::function<void()> changed) {
   auto watch = std::make_shared<Watch>(path, std::move(changed));

@@ -11,6 +11,7 @@
 #include <QXEventStoring/Platform/Volume.h>
 
 #include "Platform/FileError.h"
+#include "Platform/ForkSafety.h"
 
 namespace qx {
 
@@ -25,11 +26,15 @@ struct VolumeRoot {
 };
 
 VolumeRoot& theVolumeRoot() {
-  static VolumeRoot& root = *new VolumeRoot;  // never destroyed: other threads may outlive main()
-  return root;
+  return KeptThroughFork<VolumeRoot>::get();
 }
 
 }  // namespace
+
+void prepareHostForFork() {
+  theVolumeRoot();
+  Host::current();
+}
 
 Host& Host::current() {
   if (Host* const host = hostInForce.load(std::memory_order_acquire)) return *host;

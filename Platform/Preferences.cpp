@@ -18,12 +18,14 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "Platform/FileDescriptor.h"
 #include "Platform/FileError.h"
+#include "Platform/ForkSafety.h"
 #include "Platform/Host.h"
 #include "Platform/PropertyList.h"
 
@@ -50,8 +52,11 @@ std::string readMachineId() {
   return text.size() == kDigits ? text : std::string();
 }
 
+MadeOnce<std::string> machineIdRead;
+
 std::string thisMachine() {
-  static const std::string& machineId = *new std::string(readMachineId());  // threads may outlive main()
+  const std::string& machineId =
+      machineIdRead.get([] { return std::make_unique<const std::string>(readMachineId()); });
   if (!machineId.empty()) return machineId;
   char name[HOST_NAME_MAX + 1] = {};
   return ::gethostname(name, HOST_NAME_MAX) == 0 ? name : "";

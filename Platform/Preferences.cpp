@@ -83,7 +83,8 @@ String pathInEnvironment(const char* variable) {
 
 String userConfiguration() {
   if (String configuration = pathInEnvironment("XDG_CONFIG_HOME")) return configuration;
-  const std::string home = pathInEnvironment("HOME").value_or(homeDirectory());
+  const String named = pathInEnvironment("HOME");
+  const std::string home = named ? *named : homeDirectory();
   if (home.empty() || home.front() != '/') return std::nullopt;
   return home + "/.config";
 }

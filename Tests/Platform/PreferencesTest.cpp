@@ -5,7 +5,9 @@
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +16,7 @@
 
 #include <QXEventStoring/Platform/Bundle.h>
 
+#include "Platform/ForkSafety.h"
 #include "Platform/PropertyList.h"
 #include "Platform/UserDefaults.h"
 #include "Tests/Support/ChildProcess.h"
@@ -213,6 +216,35 @@ TEST_F(ConcurrentPreferencesTest, LoseNothingToOtherThreadsAndProcesses) {
   thread.join();
   EXPECT_EQ(process.exitStatus(), 0);
   EXPECT_EQ(readXMLPropertyListFile(path())->asDictionary()->size(), 3u * kKeys);
+}
+
+// Not under the thread sanitizer, which has no threads in the child of a process with threads.
+using ForkedPreferencesTest = PreferencesTest;
+TEST_F(ForkedPreferencesTest, AreReadInProcessesForkedDuringAnotherThreadsFirstUse) {
+  const auto use = [] {
+    Bundle::mainBundle().bundleIdentifier();
+    UserDefaults("suite").observe([] {}).cancel();
+    for (int i = 0; i < 20; ++i)
+      UserDefaults().stringForKey("key"), preferencesPath("suite", kEveryone);
+  };
+  prepareForFork();
+  for (int round = 0; round < 100; ++round) {
+    ChildProcess fresh([&](const ChildProcess::Line&) {
+      std::thread first(use);
+      const auto moment = std::chrono::steady_clock::now() + std::chrono::microseconds(5 * round);
+      while (std::chrono::steady_clock::now() < moment) {
+      }
+      ChildProcess forked([&](const ChildProcess::Line&) {
+        ::alarm(10);
+        use();
+        return 0;
+      });
+      const int status = forked.exitStatus();
+      first.join();
+      return status == 0 ? 0 : 1;
+    });
+    ASSERT_EQ(fresh.exitStatus(), 0) << round;
+  }
 }
 
 TEST_F(UserDefaultsTest, TakeTheFirstScopeThatHasTheKey) {

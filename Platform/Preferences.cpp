@@ -98,16 +98,27 @@ String fileNameFor(std::string_view suite, PreferenceScope scope) {
   return usable ? String(std::move(name)) : std::nullopt;
 }
 
-String directoryFor(PreferenceScope scope) {
+/// Where files lie, and how much of the path the user or the machine has laid out: symbolic links count
+/// there. Behind it are none, since others may own directories there.
+struct Folder {
+  std::string path;
+  std::size_t given;
+};
+
+std::optional<Folder> folderFor(PreferenceScope scope) {
   constexpr std::string_view kFolder = "/QXEventStoring";
   if (scope == PreferenceScope::anyUserCurrentHost) {
-    return Host::current().resolve("/etc/xdg").append(kFolder);
+    constexpr std::string_view kConfiguration = "/etc/xdg";
+    std::string path = Host::current().resolve(kConfiguration);
+    const std::size_t root = path.size() - kConfiguration.size();
+    return Folder{path.append(kFolder), root};
   }
-  String directory = userConfiguration();
-  if (!directory) return std::nullopt;
-  directory->append(kFolder);
-  if (scope == PreferenceScope::currentUserCurrentHost) directory->append("/ByHost");
-  return directory;
+  const String configuration = userConfiguration();
+  if (!configuration) return std::nullopt;
+  std::string path = *configuration;
+  path.append(kFolder);
+  if (scope == PreferenceScope::currentUserCurrentHost) path.append("/ByHost");
+  return Folder{std::move(path), configuration->size()};
 }
 
 bool failWriting(ErrorPtr* error, int errorNumber, std::string_view action, const std::string& path) {
@@ -115,18 +126,77 @@ bool failWriting(ErrorPtr* error, int errorNumber, std::string_view action, cons
   return false;
 }
 
-/// Directories of the user's own are for nobody else, as XDG Base Directory says; 0 or the error number.
-int makeDirectories(const std::string& path, mode_t permissions) {
-  struct stat status;
-  if (::stat(path.c_str(), &status) == 0) return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
-  if (errno != ENOENT) return errno;
-  const std::size_t slash = path.rfind('/');
-  if (slash != 0 && slash != std::string::npos) {
-    if (const int failed = makeDirectories(path.substr(0, slash), permissions)) return failed;
+/// The way to a directory, from name to name. Directories that are missing are made with `permissions`, if
+/// there are any: those of the user's own are for nobody else, as XDG Base Directory says.
+class FolderWay {
+ public:
+  explicit FolderWay(std::optional<mode_t> permissions) : permissions_(permissions) {}
+
+  /// 0 or the error number; then path() is where the way ends.
+  int go(const Folder& folder) {
+    if (const int failed = goGiven(folder.path.substr(0, folder.given))) return failed;
+    return goOn(std::string_view(folder.path).substr(folder.given));
   }
-  if (::mkdir(path.c_str(), permissions) != 0) return errno == EEXIST ? 0 : errno;
-  return ::chmod(path.c_str(), permissions) == 0 ? 0 : errno;  // whatever the umask
-}
+  const std::string& path() const { return path_; }
+  /// The directory, to be locked.
+  FileDescriptor take() { return FileDescriptor(::openat(directory_.get(), ".", kHow | O_RDONLY)); }
+
+ private:
+  static constexpr int kHow = O_DIRECTORY | O_CLOEXEC;
+
+  int goGiven(const std::string& path) {
+    path_ = path;
+    directory_ = FileDescriptor(::open(path.empty() ? "/" : path.c_str(), kHow | O_PATH));
+    if (directory_) return 0;
+    if (errno != ENOENT || !permissions_) return errno;
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ENOENT;
+    if (const int failed = goGiven(path.substr(0, slash))) return failed;
+    return goOn(std::string_view(path).substr(slash));
+  }
+
+  int goOn(std::string_view names) {
+    while (!names.empty()) {
+      names.remove_prefix(1);
+      const std::string name(names.substr(0, names.find('/')));
+      names.remove_prefix(name.size());
+      if (name.empty()) continue;
+      path_.append("/").append(name);
+      if (const int failed = enter(name.c_str())) return failed;
+    }
+    return 0;
+  }
+
+  int enter(const char* name) {
+    const bool made = permissions_ && ::mkdirat(directory_.get(), name, *permissions_) == 0;
+    if (permissions_ && !made && errno != EEXIST && errno != EROFS && errno != EACCES) return errno;
+    const int refused = errno;
+    FileDescriptor next(::openat(directory_.get(), name, kHow | O_NOFOLLOW | (made ? O_RDONLY : O_PATH)));
+    if (!next) return permissions_ && errno == ENOENT ? refused : reasonAgainst(name, errno);
+    if (made) setPermissions(next);
+    directory_ = std::move(next);
+    return 0;
+  }
+
+  /// A link that is not followed is told as "no directory" by openat(2).
+  int reasonAgainst(const char* name, int failed) const {
+    struct stat status;
+    const bool isLink =
+        ::fstatat(directory_.get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+    return failed == ENOTDIR && isLink ? ELOOP : failed;
+  }
+
+  /// Whatever the umask; only of what is our own: somebody may have put another in its place.
+  void setPermissions(const FileDescriptor& made) const {
+    struct stat status;
+    if (::fstat(made.get(), &status) == 0 && status.st_uid == ::geteuid())
+      ::fchmod(made.get(), *permissions_);
+  }
+
+  const std::optional<mode_t> permissions_;
+  FileDescriptor directory_;
+  std::string path_;
+};
 
 /// A locked directory.
 class WritableDirectory {
@@ -140,8 +210,8 @@ class WritableDirectory {
   }
 
   /// 0 or the error number.
-  int lock(const std::string& path) {
-    directory_ = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  int lock(FileDescriptor directory) {
+    directory_ = std::move(directory);
     if (!directory_) return errno;
     const steady_clock::time_point end = steady_clock::now() + kLockPatience;
     milliseconds pause{1};
@@ -214,9 +284,9 @@ bool writePreferences(WritableDirectory& directory, const std::string& path, Dic
 
 String preferencesPath(std::string_view suite, PreferenceScope scope) {
   const String name = fileNameFor(suite, scope);
-  String directory = name ? directoryFor(scope) : std::nullopt;
-  if (directory) directory->append("/").append(*name);
-  return directory;
+  std::optional<Folder> folder = name ? folderFor(scope) : std::nullopt;
+  if (!folder) return std::nullopt;
+  return std::move(folder->path.append("/").append(*name));
 }
 
 std::optional<Value> preferenceValue(std::string_view key, std::string_view suite, PreferenceScope scope,
@@ -239,13 +309,15 @@ bool setPreferenceValue(const std::optional<Value>& value, std::string_view key,
     return false;
   }
   const bool everyone = scope == PreferenceScope::anyUserCurrentHost;
-  const std::string folder = path->substr(0, path->rfind('/'));
-  if (const int failed = value ? makeDirectories(folder, everyone ? 0755 : 0700) : 0) {
-    return failWriting(error, failed, "create the directory", folder);
+  const std::optional<Folder> folder = folderFor(scope);
+  if (!folder) return failWriting(error, ENOENT, "find the directory of", *path);
+  FolderWay way(value ? std::optional<mode_t>(everyone ? 0755 : 0700) : std::nullopt);
+  if (const int failed = way.go(*folder)) {
+    return (!value && failed == ENOENT) || failWriting(error, failed, "use the directory", way.path());
   }
   WritableDirectory directory;
-  if (const int failed = directory.lock(folder)) {
-    return (!value && failed == ENOENT) || failWriting(error, failed, "lock the directory", folder);
+  if (const int failed = directory.lock(way.take())) {
+    return failWriting(error, failed, "lock the directory", folder->path);
   }
   std::optional<Dictionary> preferences = readPreferences(*path, error);
   if (!preferences) return false;

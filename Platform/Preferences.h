@@ -27,7 +27,8 @@ std::optional<Value> preferenceValue(std::string_view key, std::string_view suit
 /// Sets `key`, or removes it with no value, and writes the file at once: other writers wait, readers see the
 /// old file or the new one. Directories are made as needed, the user's own for nobody else (0700, and files
 /// 0600); files for every user are for all to read. What is there and is no regular file with a dictionary, a
-/// symbolic link included, is an error and stays as it is. False with *error of NSCocoaErrorDomain set when
+/// symbolic link included, is an error and stays as it is; so is a link in place of a directory below the
+/// user's configuration directory or the volume root. False with *error of NSCocoaErrorDomain set when
 /// nothing was changed: that, 514 for a suite without file, 3851 for a value that no XML property list holds
 /// or a file that would be too large to read, or what the system refused (a lock that another process does
 /// not let go for 5 seconds included). Any thread.

@@ -170,6 +170,30 @@ TEST_F(PreferencesTest, AreLeftAsTheyAreWhenTheyCannotBeUsed) {
   EXPECT_EQ(readXMLPropertyListFile(elsewhere), Value(Dictionary{{"key", 1}}));
 }
 
+TEST_F(PreferencesTest, AreNotWrittenThroughALinkToADirectory) {
+  const std::string victim = home() + "/victim";
+  std::filesystem::create_directory(victim);
+  ::chmod(victim.c_str(), 0711);
+  std::filesystem::create_directories(home() + "/.config");
+  const std::string links[] = {home() + "/.config/QXEventStoring", home() + "/.config/QXEventStoring/ByHost",
+                               volumeRoot() + "/etc"};
+  for (const std::string& link : links) {
+    if (link.ends_with("ByHost")) std::filesystem::create_directories(home() + "/.config/QXEventStoring");
+    std::filesystem::create_directory_symlink(victim, link);
+    ErrorPtr error;
+    EXPECT_FALSE(setPreferenceValue(1, "key", "suite", link.ends_with("etc") ? kEveryone : kByHost, &error));
+    ASSERT_NE(error, nullptr) << link;
+    EXPECT_NE(error->description()->find("\"" + link + "\""), std::string::npos) << *error->description();
+    EXPECT_EQ(error->underlying()->code(), ELOOP);
+    EXPECT_TRUE(std::filesystem::is_empty(victim));
+    EXPECT_EQ(permissionsOf(victim), 0711u);
+    std::filesystem::remove(link);
+  }
+  std::filesystem::create_directory_symlink(victim, home() + "/linked");
+  ::setenv("XDG_CONFIG_HOME", (home() + "/linked/new/").c_str(), 1);
+  EXPECT_TRUE(set(1, "key", kByHost)) << "the user's own links count";
+}
+
 TEST_F(PreferencesTest, RefuseWhatNoFileHolds) {
   ASSERT_TRUE(set(1, "key"));
   const Value refused[] = {nullptr, "\x01", "\xFF", std::string(1U << 20, 'x')};

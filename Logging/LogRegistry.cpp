@@ -19,6 +19,7 @@
 #include "Logging/LogUserDefaults.h"
 #include "Logging/QuietCall.h"
 #include "Logging/UnifiedLogging.h"
+#include "Platform/ForkSafety.h"
 
 extern "C" {
 /// The registry of the first image that was loaded; null before.
@@ -85,6 +86,7 @@ void LogSubsystem::load() {
     void* none = nullptr;
     com_qx_plv_loggingSubsystems.compare_exchange_strong(none, &qx::log::ownRegistry());
     // Made now, so that a child of fork() never meets them half made.
+    qx::prepareForFork();
     LogUserDefaults::applicationUserDefaults();
     LogUserDefaults::loggingUserDefaults();
     qx::log::Backlog::prepare();

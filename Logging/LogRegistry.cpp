@@ -97,7 +97,7 @@ void LogSubsystem::load() {
 }
 
 LogCategory& LogSubsystem::resolve(PLVLogCategoryDescriptor& context) {
-  const qx::log::QuietCall kept;
+  const qx::log::QuietCall quiet;
   load();
   qx::log::makeTransport();
   auto& registry = qx::log::sharedLogRegistry();

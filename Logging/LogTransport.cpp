@@ -69,7 +69,7 @@ class Destination {
 /// opened.
 class SharedSocket {
  public:
-  SharedSocket() = default;
+  explicit SharedSocket(const std::string& path) : path_(path) {}
   SharedSocket(const SharedSocket&) = delete;
   SharedSocket& operator=(const SharedSocket&) = delete;
   ~SharedSocket() { close(); }
@@ -104,11 +104,13 @@ class SharedSocket {
     return identity != kNone && identityOf(descriptorOf(identity)) == identity;
   }
 
-  static FileDescriptor open() {
+  FileDescriptor open() const {
     const FileDescriptor made(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!made) return {};
     FileDescriptor opened(::fcntl(made.get(), F_DUPFD_CLOEXEC, kFirstDescriptor));
-    if (opened) enlargeBuffer(opened);
+    if (!opened) return {};
+    enlargeBuffer(opened);
+    Destination(path_).connect(opened.get());  // when there is no daemon yet, sending finds that out
     return opened;
   }
 
@@ -119,6 +121,7 @@ class SharedSocket {
     ::setsockopt(opened.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
   }
 
+  const std::string& path_;
   std::atomic<std::uint64_t> identity_ = kNone;
 };
 
@@ -252,7 +255,7 @@ class DatagramOutlet final : public Outlet {
   const std::string path_;
   const LogTransport::Oversize oversize_;
   const LogTransport::LostMessage lostMessage_;
-  SharedSocket socket_;
+  SharedSocket socket_{path_};
 };
 
 }  // namespace

@@ -33,7 +33,8 @@ bool LogCategory::logsType(PLVLogType type) const noexcept {
   return effective == PLVLogLevel::Inherit && qx::log::unifiedLogging();
 }
 
-bool LogCategory::isWanted(PLVLogType type) const noexcept {
+// Every log call comes here, and most go no further.
+[[gnu::flatten]] bool LogCategory::isWanted(PLVLogType type) const noexcept {
   return (!qx::log::unifiedLogging() || log_.isTypeEnabled(type)) && logsType(type);
 }
 

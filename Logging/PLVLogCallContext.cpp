@@ -8,17 +8,14 @@
 
 using qx::log::QuietCall;
 
-PLVLogCallContext::PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
-    : descriptor_(descriptor), type_(type) {
-  const auto* const known = descriptor.category().load(std::memory_order_acquire);
-  if (known != nullptr && !known->isWanted(type)) return;
+void PLVLogCallContext::evaluate() noexcept {
   try {
-    evaluate();
+    chooseHandle();
   } catch (...) {  // NOLINT(bugprone-empty-catch): a log line is never worth an operation
   }
 }
 
-void PLVLogCallContext::evaluate() {
+void PLVLogCallContext::chooseHandle() {
   const auto& category = LogSubsystem::categoryForContext(descriptor_);
   if (!category.isWanted(type_)) return;
   if (qx::log::unifiedLogging()) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Logging/CheckedFormat.h"
+#include "Logging/LogCategory.h"
 #include "Logging/PLVLogArgument.h"
 #include "Logging/PLVLogCategoryDescriptor.h"
 #include "Logging/PLVLogType.h"
@@ -23,7 +24,11 @@ class JournalLog;
 /// through what. Made and used by one thread, within one call.
 class PLVLogCallContext {
  public:
-  PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept;
+  PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
+      : descriptor_(descriptor), type_(type) {
+    const auto* const known = descriptor.category().load(std::memory_order_acquire);
+    if (known == nullptr || known->isWanted(type)) evaluate();
+  }
 
   PLVLogCallContext(const PLVLogCallContext&) = delete;
   PLVLogCallContext& operator=(const PLVLogCallContext&) = delete;
@@ -49,7 +54,8 @@ class PLVLogCallContext {
  private:
   void sendArguments(const PLVLogSource& source, std::string_view format,
                      std::initializer_list<qx::log::Argument> arguments) const;
-  void evaluate();
+  void evaluate() noexcept;
+  void chooseHandle();
   void evaluateOnSystemLog();
   void letGo();
 

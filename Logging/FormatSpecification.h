@@ -180,11 +180,11 @@ class SpecificationParser {
   FormatSpecification result_;
 };
 
-/// The specification at the "%" in position `percent` of `format`, which no second "%" follows; nothing when
-/// the format ends inside of it. A blank is no flag of os_log's and ends it, unless `blankIsFlag`, as for
-/// fprintf. The same text is always taken apart the same way, so what one reader holds for a text that is
-/// to be hidden no later reader takes for another.
-/// Syntax: os_log(3); fprintf in ISO C, 7.21.6.1, and its positional form in POSIX.
+/// The conversion specification at the "%" in position `percent` of `format`, which no second "%" follows;
+/// nothing when the format ends inside of it. A blank is no flag of os_log's and ends it, unless
+/// `blankIsFlag`, as for fprintf. The same text is always taken apart the same way, so what one reader holds
+/// for a text that is to be hidden no later reader takes for another. Syntax: os_log(3); fprintf in ISO
+/// C, 7.21.6.1, and its positional form in POSIX.
 constexpr std::optional<FormatSpecification> parseFormatSpecification(std::string_view format,
                                                                       std::size_t percent,
                                                                       bool blankIsFlag = false) {

@@ -1,7 +1,4 @@
 #include "Logging/LogSubsystem.h"
-
-#include <array>
-
 #include "Platform/Preferences.h"
 
 LogSubsystem::LogSubsystem(const char* name)
@@ -15,12 +12,9 @@ std::string LogSubsystem::userDefaultsSuiteName() const {
 }
 
 PLVLogLevel LogSubsystem::levelForKey(std::string_view key) const {
-  static constexpr std::array kScopes{qx::PreferenceScope::currentUserCurrentHost,
-                                      qx::PreferenceScope::currentUserAnyHost,
-                                      qx::PreferenceScope::anyUserCurrentHost};
   const auto suite = userDefaultsSuiteName();
   auto level = PLVLogLevel::Inherit;
-  for (const auto scope : kScopes) {
+  for (const auto scope : qx::kPreferenceScopes) {
     const auto value = qx::preferenceValue(key, suite, scope);
     level = com_qx_eventstoring_logLevelWithString(value ? value->stringValue() : std::nullopt);
     if (level != PLVLogLevel::Inherit) break;

@@ -109,7 +109,7 @@ class FormatRewriter {
   std::string rewritten_;
   std::size_t copied_ = 0;  // what of the format is in `rewritten_`
   // Of one scan.
-  bool isRewriting_ = false;  // from the first specification on that is annotated, private or "P"
+  bool isRewriting_ = false;  // from the first conversion on that is annotated, private or "P"
   bool hasHidden_ = false;    // a value is to be replaced
   bool hasPositions_ = false;
 };

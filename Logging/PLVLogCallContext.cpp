@@ -8,16 +8,15 @@
 
 using qx::log::QuietCall;
 
-void PLVLogCallContext::evaluate() noexcept {
+void PLVLogCallContext::evaluate(const LogCategory* known) noexcept {
   try {
-    chooseHandle();
+    const auto& category = known != nullptr ? *known : LogSubsystem::categoryForContext(descriptor_);
+    if (known != nullptr || category.isWanted(type_)) chooseHandle(category);
   } catch (...) {  // NOLINT(bugprone-empty-catch): a log line is never worth an operation
   }
 }
 
-void PLVLogCallContext::chooseHandle() {
-  const auto& category = LogSubsystem::categoryForContext(descriptor_);
-  if (!category.isWanted(type_)) return;
+void PLVLogCallContext::chooseHandle(const LogCategory& category) {
   if (qx::log::unifiedLogging()) {
     journal_ = &category.log();
   } else {

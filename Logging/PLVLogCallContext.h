@@ -27,7 +27,7 @@ class PLVLogCallContext {
   PLVLogCallContext(PLVLogCategoryDescriptor& descriptor, PLVLogType type) noexcept
       : descriptor_(descriptor), type_(type) {
     const auto* const known = descriptor.category().load(std::memory_order_acquire);
-    if (known == nullptr || known->isWanted(type)) evaluate();
+    if (known == nullptr || known->isWanted(type)) evaluate(known);
   }
 
   PLVLogCallContext(const PLVLogCallContext&) = delete;
@@ -54,8 +54,9 @@ class PLVLogCallContext {
  private:
   void sendArguments(const PLVLogSource& source, std::string_view format,
                      std::initializer_list<qx::log::Argument> arguments) const;
-  void evaluate() noexcept;
-  void chooseHandle();
+  /// `known`: the category when it is resolved, and wants the message.
+  void evaluate(const LogCategory* known) noexcept;
+  void chooseHandle(const LogCategory& category);
   void evaluateOnSystemLog();
   void letGo();
 

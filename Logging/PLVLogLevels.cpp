@@ -37,9 +37,6 @@ std::pair<PLVLogLevelSetting, bool> read(const PLVLogLevelPlace& place) {
 
 PLVLogLevelStatus PLVLogLevelsFor(const qx::String& application) {
   static constexpr std::array kOwners{category, subsystem, PLVLogLevelOwner::application, maker};
-  static constexpr std::array kScopes{qx::PreferenceScope::currentUserCurrentHost,
-                                      qx::PreferenceScope::currentUserAnyHost,
-                                      qx::PreferenceScope::anyUserCurrentHost};
   PLVLogLevelStatus status;
   status.unified = qx::log::unifiedLogging();
   std::array<PLVLogLevel, kOwners.size()> levels{};
@@ -48,7 +45,7 @@ PLVLogLevelStatus PLVLogLevelsFor(const qx::String& application) {
     auto& level = levels.at(static_cast<std::size_t>(owner));
     level = PLVLogLevel::Inherit;
     bool isDecided = false;
-    for (const auto scope : kScopes) {
+    for (const auto scope : qx::kPreferenceScopes) {
       auto [setting, hasKey] = read({owner, scope, application.value_or("")});
       const bool isSet = setting.level != PLVLogLevel::Inherit;
       if (!isDecided && isSet) level = setting.level;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string_view>
 
@@ -8,6 +9,11 @@
 #include <QXEventStoring/Platform/Value.h>
 
 namespace qx {
+
+/// All of them, in the order in which they count.
+inline constexpr std::array kPreferenceScopes{PreferenceScope::currentUserCurrentHost,
+                                              PreferenceScope::currentUserAnyHost,
+                                              PreferenceScope::anyUserCurrentHost};
 
 /// The file that holds a suite's preferences in a scope, one XML property list with a dictionary:
 /// "$XDG_CONFIG_HOME/QXEventStoring/ByHost/<suite>.<machine>.plist" (<machine>: /etc/machine-id, else the

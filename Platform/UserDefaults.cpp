@@ -11,14 +11,6 @@
 
 namespace qx {
 
-namespace {
-
-constexpr PreferenceScope kScopes[] = {PreferenceScope::currentUserCurrentHost,
-                                       PreferenceScope::currentUserAnyHost,
-                                       PreferenceScope::anyUserCurrentHost};
-
-}  // namespace
-
 UserDefaults::UserDefaults() = default;
 
 UserDefaults::UserDefaults(std::string suite) : suite_(std::move(suite)) {}
@@ -30,7 +22,7 @@ String UserDefaults::suiteName() const {
 String UserDefaults::stringForKey(std::string_view key) const {
   const String suite = suiteName();
   if (!suite) return std::nullopt;
-  for (const PreferenceScope scope : kScopes) {
+  for (const PreferenceScope scope : kPreferenceScopes) {
     const std::optional<Value> value = preferenceValue(key, *suite, scope);
     if (value) return value->isNumber() ? value->description() : value->stringValue();
   }
@@ -41,7 +33,7 @@ Observation UserDefaults::observe(const std::function<void()>& changed) const {
   const String suite = suiteName();
   if (!suite) return {};
   const auto watches = std::make_shared<std::vector<Observation>>();
-  for (const PreferenceScope scope : kScopes) {
+  for (const PreferenceScope scope : kPreferenceScopes) {
     if (const String path = preferencesPath(*suite, scope)) watches->push_back(watchFile(*path, changed));
   }
   return Observation([watches] { watches->clear(); });

@@ -204,6 +204,9 @@ TEST_F(PLVLogToSyslog, KeepsALogForEachThread) {
   EXPECT_NE(*own->preparedMessage().find("PLVThreadID"), other);
   EXPECT_EQ(own->message().entries().size(), 2U);
   EXPECT_EQ(own->client().evaluateSend(log::ASLClient::kNotice), log::ASLClient::kWanted);
+  log::ASLClient client;
+  client.setFilter(1U << log::ASLClient::kError);
+  EXPECT_EQ(client.evaluateSend(log::ASLClient::kNotice), 0U);
   const auto description = own->description();
   EXPECT_TRUE(description.starts_with("<com.qx.eventstoring.ASLLog: 0x")) << description;
   EXPECT_NE(description.find("\n\tPLVThreadID: 0x"), std::string::npos) << description;

@@ -168,6 +168,8 @@ class Compiler {
     const Expression& right = *predicate.right();
     const Operator op = predicate.comparisonOperator();
     if (op == Operator::in) return writeIn(left, right, negated);
+    if (op > Operator::in || predicate.options().any() || predicate.modifier() != Predicate::Modifier::direct)
+      return fail("\"" + predicate.predicateFormat() + "\" has no form in the store");
     const bool leftIsKey = left.kind() == Expression::Kind::keyPath;
     const bool rightIsKey = right.kind() == Expression::Kind::keyPath;
     if (leftIsKey && rightIsKey) return compareColumns(column(left), op, column(right), negated);

@@ -68,6 +68,8 @@ bool compare(const Value& left, Predicate::Operator op, const Value& right) {
       return std::is_gteq(order(left, right));
     case Predicate::Operator::in:
       return isIn(left, right);
+    default:
+      break;
   }
   return false;
 }
@@ -122,9 +124,10 @@ Value Expression::evaluate(const PredicateSubject& subject) const {
       return subject.valueForKeyPath(components_);
     case Kind::self:
       return subject.valueForKeyPath({kSelfKey});
-    case Kind::aggregate:
+    default:
       break;
   }
+  if (kind_ != Kind::aggregate) return {};
   Array values;
   values.reserve(members_.size());
   for (const ExpressionPtr& member : members_)

@@ -118,6 +118,8 @@ void appendExpression(std::string& out, const Expression& expression) {
       return appendList(out, expression.members(), [](std::string& text, const ExpressionPtr& member) {
         appendExpression(text, *member);
       });
+    default:
+      return;
   }
 }
 
@@ -137,6 +139,8 @@ std::string_view spelling(Predicate::Operator op) {
       return ">=";
     case Predicate::Operator::in:
       return "IN";
+    default:
+      break;
   }
   return {};
 }

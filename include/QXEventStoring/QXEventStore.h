@@ -11,6 +11,7 @@
 #include <QXEventStoring/Platform/Export.h>
 #include <QXEventStoring/Platform/NotificationCenter.h>
 #include <QXEventStoring/Platform/Predicate.h>
+#include <QXEventStoring/Platform/PredicateBuilder.h>
 #include <QXEventStoring/QXEvent.h>
 #include <QXEventStoring/QXEventSource.h>
 

@@ -8,6 +8,7 @@
 #include <QXEventStoring/Platform/Error.h>
 #include <QXEventStoring/Platform/NotificationCenter.h>
 #include <QXEventStoring/Platform/Predicate.h>
+#include <QXEventStoring/Platform/PredicateBuilder.h>
 #include <QXEventStoring/Platform/Value.h>
 #include <QXEventStoring/Platform/Volume.h>
 #include <QXEventStoring/QXEvent.h>

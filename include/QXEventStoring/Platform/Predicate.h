@@ -7,62 +7,21 @@
 
 #include <QXEventStoring/Platform/Error.h>
 #include <QXEventStoring/Platform/Export.h>
+#include <QXEventStoring/Platform/Expression.h>
 #include <QXEventStoring/Platform/Value.h>
 
 namespace qx {
 
-/// What a predicate is evaluated on: anything that answers key paths.
-class QX_EXPORT PredicateSubject {
- public:
-  virtual ~PredicateSubject() = default;
-  /// The value at `keyPath` (one element per component); the null marker when a component is missing or
-  /// null. SELF in a predicate asks for the single component "SELF".
-  virtual Value valueForKeyPath(const std::vector<std::string>& keyPath) const = 0;
-};
-
-class Expression;
-using ExpressionPtr = std::shared_ptr<const Expression>;
-class Predicate;
-using PredicatePtr = std::shared_ptr<const Predicate>;
-
-/// One side of a comparison. Immutable; any thread.
-class QX_EXPORT Expression {
- public:
-  enum class Kind {
-    constant,   // value(); an array constant stands for {a, b}
-    keyPath,    // components()
-    self,       // SELF
-    aggregate,  // members(): {a, key, 1} with at least one member that is no constant
-  };
-
-  static ExpressionPtr constant(Value value);
-  /// `path` is split at its dots; nothing in it is checked or quoted.
-  static ExpressionPtr keyPath(std::string_view path);
-  static ExpressionPtr self();
-  static ExpressionPtr aggregate(std::vector<ExpressionPtr> members);
-
-  Kind kind() const { return kind_; }
-  const Value& value() const { return value_; }
-  const std::vector<std::string>& components() const { return components_; }
-  const std::vector<ExpressionPtr>& members() const { return members_; }
-
-  Value evaluate(const PredicateSubject& subject) const;
-  /// As the language prints it.
-  std::string format() const;
-
- private:
-  explicit Expression(Kind kind) : kind_(kind) {}
-  Kind kind_;
-  Value value_;
-  std::vector<std::string> components_;
-  std::vector<ExpressionPtr> members_;
-};
+namespace detail {
+class TextPattern;
+}
 
 /// A condition in the predicate-format language: parsed from text, printed back, evaluated in memory,
 /// and compiled to SQL by the object store. Immutable; any thread.
 ///
 /// Evaluation is two-valued: a missing value equals only a missing value, so `x != "a"` is true for a
-/// missing x.
+/// missing x; no text operator is ever true for one. Text is compared byte by byte unless options say
+/// otherwise.
 class QX_EXPORT Predicate {
  public:
   enum class Kind { comparison, conjunction, disjunction, negation, constant };
@@ -73,7 +32,27 @@ class QX_EXPORT Predicate {
     lessOrEqual,
     greater,
     greaterOrEqual,
-    in,
+    between,     // right: a list of two, both ends included
+    in,          // right: a list, a dictionary (its values), or a string (is left a part of it?)
+    contains,    // left: a list or a string
+    beginsWith,  // an empty string is no part of any string, here and in the other two
+    endsWith,
+    like,     // ? one character, * any run, \ makes the next one literal; the whole string
+    matches,  // an ICU regular expression, of the whole string
+  };
+  /// How the left side counts when it is a collection.
+  enum class Modifier {
+    direct,
+    any,  // true for some member
+    all,  // true for every member, also of none; false for what is no collection, as any is
+  };
+  /// The letters behind an operator: `==[cd]`.
+  struct Options {
+    bool caseInsensitive = false;       // c: full Unicode case folding
+    bool diacriticInsensitive = false;  // d: without the marks of the decomposed text
+    bool normalized = false;  // n: the texts are normalised already: byte by byte, whatever c and d say
+    bool any() const { return caseInsensitive || diacriticInsensitive || normalized; }
+    friend bool operator==(const Options&, const Options&) = default;
   };
 
   /// Parses `format`; `arguments` stand, left to right, for its %K (a key path), %@ (any value, an array
@@ -85,6 +64,8 @@ class QX_EXPORT Predicate {
                                  ErrorPtr* error = nullptr);
 
   static PredicatePtr comparison(ExpressionPtr left, Operator op, ExpressionPtr right);
+  static PredicatePtr comparison(ExpressionPtr left, Operator op, ExpressionPtr right, Options options,
+                                 Modifier modifier = Modifier::direct);
   /// All of `members`; true when there are none. A null member counts as FALSEPREDICATE, here and below.
   static PredicatePtr conjunction(std::vector<PredicatePtr> members);
   /// Any of `members`; false when there are none.
@@ -98,9 +79,15 @@ class QX_EXPORT Predicate {
   Kind kind() const { return kind_; }
   bool constantValue() const { return constantValue_; }
   Operator comparisonOperator() const { return operator_; }
+  Options options() const { return options_; }
+  Modifier modifier() const { return modifier_; }
   const ExpressionPtr& left() const { return left_; }
   const ExpressionPtr& right() const { return right_; }
   const std::vector<PredicatePtr>& members() const { return members_; }
+  /// What the right side of a text operator was made into when it is a constant string; else null.
+  const std::shared_ptr<const detail::TextPattern>& pattern() const { return pattern_; }
+  /// Levels of the deepest expression in it; 0 when there is none.
+  int expressionDepth() const { return expressionDepth_; }
 
   bool evaluate(const PredicateSubject& subject) const;
 
@@ -108,51 +95,22 @@ class QX_EXPORT Predicate {
   /// dictionaries or not-a-number, which have no literal.
   std::string predicateFormat() const;
 
+  /// Whether both have the same tree; see Expression.
+  friend QX_EXPORT bool operator==(const Predicate& a, const Predicate& b);
+
  private:
   explicit Predicate(Kind kind) : kind_(kind) {}
+  static PredicatePtr compound(Kind kind, std::vector<PredicatePtr> members);
   Kind kind_;
   bool constantValue_ = false;
   Operator operator_ = Operator::equal;
+  Modifier modifier_ = Modifier::direct;
+  Options options_;
+  int expressionDepth_ = 0;
   ExpressionPtr left_, right_;
-  std::vector<PredicatePtr> members_;  // one for a negation
+  std::vector<PredicatePtr> members_;                   // one for a negation
+  std::shared_ptr<const detail::TextPattern> pattern_;  // of a constant right side of a text operator
 };
-
-/// A predicate under construction: `key(QXESAttributeEventSeverity) >= 2 && key("eventReadStatus") == false`.
-/// A type of its own, so that && and ! on it never hide those of a pointer.
-class QX_EXPORT Condition {
- public:
-  explicit Condition(PredicatePtr predicate) : predicate_(std::move(predicate)) {}
-  operator PredicatePtr() const { return predicate_; }  // NOLINT: the whole point
-
- private:
-  PredicatePtr predicate_;
-};
-
-/// A key as the left side of a comparison.
-class QX_EXPORT KeyBuilder {
- public:
-  explicit KeyBuilder(std::string_view path) : expression_(Expression::keyPath(path)) {}
-  Condition in(Array values) const;
-  Condition compare(Predicate::Operator op, Value value) const;
-
- private:
-  ExpressionPtr expression_;
-};
-
-/// `path` is split at its dots.
-inline KeyBuilder key(std::string_view path) {
-  return KeyBuilder(path);
-}
-
-QX_EXPORT Condition operator==(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator!=(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator<(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator<=(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator>(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator>=(const KeyBuilder& key, Value value);
-QX_EXPORT Condition operator&&(const Condition& a, const Condition& b);
-QX_EXPORT Condition operator||(const Condition& a, const Condition& b);
-QX_EXPORT Condition operator!(const Condition& a);
 
 namespace detail {
 /// How == compares two values in the language: kinds must agree (numbers among themselves).

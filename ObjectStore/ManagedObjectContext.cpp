@@ -1,6 +1,8 @@
 #include "ObjectStore/ManagedObjectContext.h"
 
 #include <algorithm>
+#include <limits>
+#include <unordered_set>
 
 #include "ObjectStore/ObjectRegistry.h"
 #include "ObjectStore/SQLiteErrors.h"
@@ -17,6 +19,36 @@ ErrorPtr noStore() {
 ErrorPtr noEntity(std::string_view name) {
   return Error::make(kCocoaErrorDomain, kStoreUnusable,
                      "The model has no entity \"" + std::string(name) + "\".");
+}
+
+/// Nothing, with an error, when the model does not have it.
+std::optional<std::size_t> attributeOf(const EntityDescription* entity, std::string_view entityName,
+                                       std::string_view name, ErrorPtr* error) {
+  if (entity == nullptr) {
+    setError(error, noEntity(entityName));
+    return std::nullopt;
+  }
+  const auto property = entity->indexOf(name);
+  if (property && entity->properties()[*property].kind == PropertyDescription::Kind::attribute)
+    return property;
+  setError(error, Error::make(kCocoaErrorDomain, kStoreUnusable,
+                              entity->name() + " has no attribute \"" + std::string(name) + "\"."));
+  return std::nullopt;
+}
+
+/// The order of a date or a number; what is neither comes before both.
+double rank(const Value& value) {
+  if (const Date* date = value.asDate()) return date->secondsSinceReferenceDate;
+  return value.isNumber() ? value.doubleValue() : -std::numeric_limits<double>::infinity();
+}
+
+/// `objects` come in the order of their rows, new ones last.
+void keepLargest(ManagedObjects& objects, std::size_t property, std::uint64_t most) {
+  std::reverse(objects.begin(), objects.end());
+  std::stable_sort(objects.begin(), objects.end(), [&](const ManagedObjectPtr& a, const ManagedObjectPtr& b) {
+    return rank(a->valueAt(property)) > rank(b->valueAt(property));
+  });
+  if (objects.size() > most) objects.resize(most);
 }
 
 bool byRowNumber(const ManagedObjectPtr& a, const ManagedObjectPtr& b) {
@@ -227,6 +259,54 @@ std::optional<ManagedObjects> ManagedObjectContext::fetch(std::string_view name,
   if (result.size() != fromFile) std::sort(result.begin(), result.end(), byRowNumber);
   for (const auto& object : changes.inserted)
     if (isSelected(*object)) result.push_back(object);
+  return result;
+}
+
+std::optional<ManagedObjects> ManagedObjectContext::fetchLargest(std::string_view name,
+                                                                 const PredicatePtr& predicate,
+                                                                 std::string_view attribute,
+                                                                 std::uint64_t most, ErrorPtr* error) {
+  const EntityDescription* entity = coordinator_->model()->entity(name);
+  const auto store = useStore();
+  const auto property = attributeOf(entity, name, attribute, error);
+  if (!property) return std::nullopt;
+  if (!store) {
+    setError(error, noStore());
+    return std::nullopt;
+  }
+  if (!registry_->changes(*entity).empty()) {
+    auto objects = fetch(name, predicate, error);
+    if (objects) keepLargest(*objects, *property, most);
+    return objects;
+  }
+  ManagedObjects result;
+  Fetch fetch(*this, *entity);
+  const auto collect = [&](const FetchedRow& row) { result.push_back(fetch.object(row)); };
+  if (!store->fetchLargest(*entity, predicate.get(), *property, most, collect, error)) return std::nullopt;
+  return result;
+}
+
+std::optional<std::vector<std::string>> ManagedObjectContext::distinctStrings(std::string_view name,
+                                                                              std::string_view attribute,
+                                                                              const PredicatePtr& predicate,
+                                                                              ErrorPtr* error) {
+  const EntityDescription* entity = coordinator_->model()->entity(name);
+  const auto store = useStore();
+  const auto property = attributeOf(entity, name, attribute, error);
+  if (!property) return std::nullopt;
+  if (!store) {
+    setError(error, noStore());
+    return std::nullopt;
+  }
+  if (registry_->changes(*entity).empty())
+    return store->distinctStrings(*entity, *property, predicate.get(), error);
+  const auto objects = fetch(name, predicate, error);
+  if (!objects) return std::nullopt;
+  std::vector<std::string> result;
+  std::unordered_set<std::string_view> seen;
+  for (const ManagedObjectPtr& object : *objects)
+    if (const std::string* text = object->valueAt(*property).asString(); text && seen.insert(*text).second)
+      result.push_back(*text);
   return result;
 }
 

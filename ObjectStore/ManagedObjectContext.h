@@ -57,6 +57,17 @@ class ManagedObjectContext {
   /// store, an unknown entity or key.
   std::optional<ManagedObjects> fetch(std::string_view entity, const PredicatePtr& predicate,
                                       ErrorPtr* error = nullptr);
+  /// The first `most` of what fetch() would return when the largest of `attribute` (a date or a number) come
+  /// first, those that have none last, and of equal ones the later row first.
+  std::optional<ManagedObjects> fetchLargest(std::string_view entity, const PredicatePtr& predicate,
+                                             std::string_view attribute, std::uint64_t most,
+                                             ErrorPtr* error = nullptr);
+  /// The values that a string attribute has in the objects that fetch() would return: each once, in the
+  /// order of the first object that has it. Costs what the number of values does, not that of the objects,
+  /// when `attribute` is indexed.
+  std::optional<std::vector<std::string>> distinctStrings(std::string_view entity, std::string_view attribute,
+                                                          const PredicatePtr& predicate,
+                                                          ErrorPtr* error = nullptr);
   /// How many objects fetch() would return; kNotFound on failure.
   std::uint64_t count(std::string_view entity, const PredicatePtr& predicate, ErrorPtr* error = nullptr);
 

@@ -2,9 +2,11 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <map>
+#include <unordered_set>
 #include <utility>
 
 #include "ObjectStore/PredicateSQL.h"
@@ -73,6 +75,18 @@ std::optional<StoreMetadata> readMetadata(std::string uuid, std::string_view byt
     return StoreMetadata{std::move(uuid), std::move(*values->asDictionary())};
   setError(error, storeError(kStoreCorrupt, path, "its metadata cannot be read"));
   return std::nullopt;
+}
+
+void bindAll(SQLiteStatement& statement, const std::vector<Value>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i)
+    statement.bind(static_cast<int>(i) + 1, values[i]);
+}
+
+/// For rows that come in the order of their numbers: whether this one was not there yet.
+auto rising() {
+  return [last = std::numeric_limits<std::int64_t>::min()](std::int64_t row) mutable {
+    return std::exchange(last, row) < row;
+  };
 }
 
 constexpr std::string_view kMetadataSQL = "SELECT Z_UUID, Z_PLIST FROM Z_METADATA ORDER BY Z_VERSION LIMIT 1";
@@ -243,42 +257,113 @@ bool SQLiteStore::fail(StoreOperation operation, ErrorPtr* error) {
   return false;
 }
 
+std::string SQLiteStore::joins(const EntityDescription& entity, const PredicateSQL& selection) const {
+  std::string text;
+  for (const std::size_t property : selection.relationships) {
+    const PropertyDescription& relationship = entity.properties()[property];
+    text +=
+        EntitySQL::join(*model_->entity(relationship.destination), relationshipAlias(property), relationship);
+  }
+  return text;
+}
+
 bool SQLiteStore::fetch(const EntityDescription& entity, const Predicate* predicate,
                         const RowHandler& handler, ErrorPtr* error) {
   static const std::vector<Value> kNoBindings;
   if (predicate == nullptr)
-    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", kNoBindings, handler, error);
+    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", kNoBindings, rising(), handler, error);
   const auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
   if (!compiled) return false;
   return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition + " ORDER BY t0.Z_PK",
-                  compiled->bindings, handler, error);
+                  compiled->bindings, rising(), handler, error);
 }
 
 bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
                            ErrorPtr* error) {
-  return runFetch(entity, sql(entity).select + " WHERE t0.Z_PK = ?", {Value(row)}, handler, error);
+  return runFetch(entity, sql(entity).select + " WHERE t0.Z_PK = ?", {Value(row)}, rising(), handler, error);
 }
 
 bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql,
-                           const std::vector<Value>& bindings, const RowHandler& handler, ErrorPtr* error) {
+                           const std::vector<Value>& bindings, const RowCheck& isNew,
+                           const RowHandler& handler, ErrorPtr* error) {
   const std::lock_guard lock(mutex_);
   SQLiteStatement statement = connection_->prepare(sql);
   if (!statement) return fail(StoreOperation::read, error);
-  for (std::size_t i = 0; i < bindings.size(); ++i)
-    statement.bind(static_cast<int>(i) + 1, bindings[i]);
+  bindAll(statement, bindings);
   const FetchedRow row(statement, entity, this->sql(entity).parts);
   int result = statement.step();
-  std::int64_t last = std::numeric_limits<std::int64_t>::min();
   for (; result == SQLITE_ROW; result = statement.step()) {
     // Pages of a crafted file may lead to each other, and to the same rows without end.
-    if (row.rowNumber() <= last) {
+    if (!isNew(row.rowNumber())) {
       setError(error, storeError(kStoreCorrupt, path_, "rows of " + entity.name() + " come more than once"));
       return false;
     }
-    last = row.rowNumber();
-    if (last > 0) handler(row);  // rows that we never write stand for no object
+    if (row.rowNumber() > 0) handler(row);  // rows that we never write stand for no object
   }
   return result == SQLITE_DONE || fail(StoreOperation::read, error);
+}
+
+bool SQLiteStore::fetchLargest(const EntityDescription& entity, const Predicate* predicate,
+                               std::size_t property, std::uint64_t most, const RowHandler& handler,
+                               ErrorPtr* error) {
+  PredicateSQL selection{.condition = "1", .bindings = {}, .relationships = {}};
+  if (predicate != nullptr) {
+    auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
+    if (!compiled) return false;
+    selection = std::move(*compiled);
+  }
+  const Value limit(std::min<std::uint64_t>(most, std::numeric_limits<std::int64_t>::max()));
+  selection.bindings.push_back(limit);
+  std::unordered_set<std::int64_t> seen;
+  return runFetch(
+      entity,
+      sql(entity).select + " WHERE " + selection.condition + " ORDER BY t0." +
+          entity.properties()[property].column + " DESC, t0.Z_PK DESC LIMIT ?",
+      selection.bindings, [&](std::int64_t row) { return seen.insert(row).second; }, handler, error);
+}
+
+std::optional<std::vector<std::string>> SQLiteStore::distinctStrings(const EntityDescription& entity,
+                                                                     std::size_t property,
+                                                                     const Predicate* predicate,
+                                                                     ErrorPtr* error) {
+  const std::string& column = entity.properties()[property].column;
+  const std::string from = " FROM " + entity.table() + " AS t0";
+  PredicateSQL selection{.condition = "1", .bindings = {}, .relationships = {}};
+  if (predicate != nullptr) {
+    auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
+    if (!compiled) return std::nullopt;
+    selection = std::move(*compiled);
+  }
+  // From each value one step in the index to the next, and for each the first row that counts. UNION, which
+  // never gives a value twice, ends the walk where the pages of a crafted index lead in a circle.
+  const std::string text = "WITH RECURSIVE step(v) AS (SELECT MIN(t0." + column + ")" + from +
+                           " UNION SELECT (SELECT MIN(t0." + column + ")" + from + " WHERE t0." + column +
+                           " > v) FROM step WHERE v IS NOT NULL) SELECT v, (SELECT t0.Z_PK" + from +
+                           joins(entity, selection) + " WHERE t0." + column + " = v AND (" +
+                           selection.condition + ") ORDER BY t0.Z_PK LIMIT 1) FROM step WHERE v IS NOT NULL";
+  std::vector<std::pair<std::int64_t, std::string>> found;
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement statement = connection_->prepare(text);
+  if (!statement) {
+    fail(StoreOperation::read, error);
+    return std::nullopt;
+  }
+  bindAll(statement, selection.bindings);
+  int result = statement.step();
+  for (; result == SQLITE_ROW; result = statement.step()) {
+    String value = statement.value(0, AttributeType::string).stringValue();
+    if (value && statement.integer(1) > 0) found.emplace_back(statement.integer(1), std::move(*value));
+  }
+  if (result != SQLITE_DONE) {
+    fail(StoreOperation::read, error);
+    return std::nullopt;
+  }
+  std::sort(found.begin(), found.end());
+  std::vector<std::string> values;
+  values.reserve(found.size());
+  for (auto& [row, value] : found)
+    values.push_back(std::move(value));
+  return values;
 }
 
 std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity, const Predicate* predicate,
@@ -288,12 +373,7 @@ std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity,
   if (predicate != nullptr) {
     compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
     if (!compiled) return std::nullopt;
-    for (const std::size_t property : compiled->relationships) {
-      const PropertyDescription& relationship = entity.properties()[property];
-      text += EntitySQL::join(*model_->entity(relationship.destination), relationshipAlias(property),
-                              relationship);
-    }
-    text += " WHERE " + compiled->condition;
+    text += joins(entity, *compiled) + " WHERE " + compiled->condition;
   }
   const std::lock_guard lock(mutex_);
   SQLiteStatement statement = connection_->prepare(text);
@@ -301,9 +381,7 @@ std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity,
     fail(StoreOperation::read, error);
     return std::nullopt;
   }
-  if (compiled)
-    for (std::size_t i = 0; i < compiled->bindings.size(); ++i)
-      statement.bind(static_cast<int>(i) + 1, compiled->bindings[i]);
+  if (compiled) bindAll(statement, compiled->bindings);
   if (statement.step() == SQLITE_ROW) return static_cast<std::uint64_t>(statement.integer(0));
   fail(StoreOperation::read, error);
   return std::nullopt;

@@ -18,6 +18,8 @@
 
 namespace qx {
 
+struct PredicateSQL;
+
 /// The rows of one store file. Layout: one table per entity, "Z" and its name in upper case, with Z_PK,
 /// Z_ENT, Z_OPT and a column per attribute and to-one relationship; Z_PRIMARYKEY with the last row number
 /// of each entity; Z_METADATA. See docs/file-format.md.
@@ -54,6 +56,14 @@ class SQLiteStore : public PersistentStore {
   /// The same for one row number; true, with no call, when there is no such row.
   bool fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
                 ErrorPtr* error);
+  /// The first `most` of them by the attribute `property`, the largest first, of equal ones the later row.
+  bool fetchLargest(const EntityDescription& entity, const Predicate* predicate, std::size_t property,
+                    std::uint64_t most, const RowHandler& handler, ErrorPtr* error);
+  /// The texts in the column of `property` among the rows that `predicate` selects, each once, in the order
+  /// of the first row that has it.
+  std::optional<std::vector<std::string>> distinctStrings(const EntityDescription& entity,
+                                                          std::size_t property, const Predicate* predicate,
+                                                          ErrorPtr* error);
   std::optional<std::uint64_t> count(const EntityDescription& entity, const Predicate* predicate,
                                      ErrorPtr* error);
   std::optional<StoreMetadata> metadata(ErrorPtr* error);
@@ -80,8 +90,11 @@ class SQLiteStore : public PersistentStore {
   bool probeTables(ErrorPtr* error);
   bool isQueued();
   void reopenForWriting();
+  using RowCheck = std::function<bool(std::int64_t row)>;
   bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
-                const RowHandler& handler, ErrorPtr* error);
+                const RowCheck& isNew, const RowHandler& handler, ErrorPtr* error);
+  /// The tables behind the relationships that it speaks of.
+  std::string joins(const EntityDescription& entity, const PredicateSQL& selection) const;
   bool fail(StoreOperation operation, ErrorPtr* error);
   bool copyRowsFrom(SQLiteStore& source, ErrorPtr* error);
   const EntitySQL& sql(const EntityDescription& entity) const;

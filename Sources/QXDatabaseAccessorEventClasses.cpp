@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include <QXEventStoring/Platform/Bundle.h>
+#include <QXEventStoring/Platform/PredicateBuilder.h>
 
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXStoreSchema.h"

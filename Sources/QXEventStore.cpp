@@ -218,9 +218,20 @@ std::vector<QXEventSourcePtr> QXEventStore::blockedEventSources() {
   return QXStoreCoordinator::sharedInstance().blockedSources();
 }
 
+std::optional<std::vector<QXEventStoreBlock>> QXEventStore::blocks(qx::ErrorPtr* error) {
+  return QXStoreCoordinator::sharedInstance().blocks(error);
+}
+
 std::optional<std::vector<QXEventPtr>> QXEventStore::eventsWithPredicate(const qx::PredicatePtr& predicate,
                                                                          qx::ErrorPtr* error) {
   auto result = QXStoreCoordinator::sharedInstance().eventsWithPredicate(predicate, error);
+  if (!result) refuse(error, QXEventStoreErrorInvalidQuery, kInvalidInputs);
+  return result;
+}
+
+std::optional<std::vector<QXEventPtr>> QXEventStore::newestEventsWithPredicate(
+    const qx::PredicatePtr& predicate, std::uint64_t most, qx::ErrorPtr* error) {
+  auto result = QXStoreCoordinator::sharedInstance().newestEventsWithPredicate(predicate, most, error);
   if (!result) refuse(error, QXEventStoreErrorInvalidQuery, kInvalidInputs);
   return result;
 }

@@ -19,6 +19,7 @@
 #include "ObjectStore/ManagedObject.h"
 
 class QXDatabaseAccessor;
+struct QXEventStoreBlock;
 struct QXEventStoreStatus;
 
 /// What is blocked, as it was at one moment. A plain value.
@@ -102,6 +103,10 @@ class QXStoreCoordinator {
   /// Empty with *error for a store that cannot be read; nothing at all for a predicate that cannot be used.
   std::optional<std::vector<QXEventPtr>> eventsWithPredicate(const qx::PredicatePtr& predicate,
                                                              qx::ErrorPtr* error = nullptr);
+  /// The newest `most` of them, the newest first.
+  std::optional<std::vector<QXEventPtr>> newestEventsWithPredicate(const qx::PredicatePtr& predicate,
+                                                                   std::uint64_t most,
+                                                                   qx::ErrorPtr* error = nullptr);
   /// ManagedObjectContext::kNotFound when counting failed.
   std::uint64_t countOfEventsForPredicate(const qx::PredicatePtr& predicate, qx::ErrorPtr* error = nullptr);
   QXEventPtr eventWithEventID(const qx::String& eventID);
@@ -121,6 +126,8 @@ class QXStoreCoordinator {
                          qx::ErrorPtr* error = nullptr);
   bool isEventBlocked(const QXEventPtr& event);
   QXEventBlocks currentBlocks();
+  /// Every block; nothing, with *error, when they cannot be read.
+  std::optional<std::vector<QXEventStoreBlock>> blocks(qx::ErrorPtr* error);
   /// Blocked as a whole.
   std::vector<std::string> blockedSourceIds();
   /// Their records; one that is not in the store is left out.
@@ -194,6 +201,9 @@ class QXStoreCoordinator {
   /// Takes back the generic rows that waited to be saved and that another process has saved meanwhile. With
   /// other writers held off.
   void dropClassesMadeElsewhere(QXDatabaseAccessor& accessor);
+  template <class Fetch>
+  std::optional<std::vector<QXEventPtr>> recordsOfRows(const qx::PredicatePtr& predicate, qx::ErrorPtr* error,
+                                                       Fetch fetch);
   std::vector<qx::PredicatePtr> wholeBlockPredicates();
   qx::PredicatePtr withoutPartialBlocks();
   bool launchApplication(const std::string& path, const std::string& argument);

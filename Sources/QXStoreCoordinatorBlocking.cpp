@@ -2,6 +2,8 @@
 #include <mutex>
 #include <utility>
 
+#include <QXEventStoring/QXEventStore.h>
+
 #include "Logging/EventStoreLog.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXStoreChangeScope.h"
@@ -96,6 +98,25 @@ QXEventBlocks QXStoreCoordinator::currentBlocks() {
   if (database == nullptr) return QXEventBlocks({});
   const std::lock_guard lock(*database);
   return QXEventBlocks(blockedEvents());
+}
+
+std::optional<std::vector<QXEventStoreBlock>> QXStoreCoordinator::blocks(qx::ErrorPtr* error) {
+  QXDatabaseAccessor* const database = accessor();
+  qx::ErrorPtr failure;
+  std::vector<QXEventStoreBlock> result;
+  if (database == nullptr) {
+    failure = noStackError();
+  } else {
+    const std::lock_guard lock(*database);
+    const auto rows = database->getManagedObjects(kBlockedEventEntity, nullptr, &failure);
+    for (const qx::ManagedObjectPtr& row : rows.value_or(qx::ManagedObjects())) {
+      result.push_back({.classID = row->value(kBlockedEventClassID).stringValue(),
+                        .sourceID = row->value(kBlockedSourceID).stringValue()});
+    }
+  }
+  if (!failure) return result;
+  qx::setError(error, generateError(failure));
+  return std::nullopt;
 }
 
 std::vector<std::string> QXStoreCoordinator::blockedSourceIds() {

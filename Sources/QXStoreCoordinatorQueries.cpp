@@ -62,6 +62,13 @@ qx::PredicatePtr isIn(std::string_view keyPath, std::vector<std::string> values)
                                    qx::Expression::constant(listOf(std::move(values))));
 }
 
+using Conditions = std::vector<qx::PredicatePtr>;
+
+/// Null, for everything, when there are none.
+qx::PredicatePtr allOf(Conditions conditions) {
+  return conditions.empty() ? nullptr : qx::Predicate::conjunction(std::move(conditions));
+}
+
 /// Leaves out what is blocked for one source only.
 void removePartiallyBlocked(qx::ManagedObjects& events, const QXEventBlocks& partialBlocks) {
   if (partialBlocks.empty()) return;
@@ -92,13 +99,34 @@ std::vector<qx::PredicatePtr> QXStoreCoordinator::wholeBlockPredicates() {
 
 std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::eventsWithPredicate(
     const qx::PredicatePtr& predicate, qx::ErrorPtr* error) {
+  return recordsOfRows(
+      predicate, error, [&](QXDatabaseAccessor& database, Conditions conditions, auto* failure) {
+        return database.getManagedObjects(kEventEntity, allOf(std::move(conditions)), failure);
+      });
+}
+
+std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::newestEventsWithPredicate(
+    const qx::PredicatePtr& predicate, std::uint64_t most, qx::ErrorPtr* error) {
+  return recordsOfRows(predicate, error,
+                       [&](QXDatabaseAccessor& database, Conditions conditions, auto* failure) {
+                         // Those that are left out afterwards would take the place of others.
+                         conditions.push_back(withoutPartialBlocks());
+                         return database.context().fetchLargest(kEventEntity, allOf(std::move(conditions)),
+                                                                kEventTriggerTime, most, failure);
+                       });
+}
+
+/// Records of what `fetch` finds under the rewritten predicate and the blocks of whole sources and classes.
+template <class Fetch>
+std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::recordsOfRows(const qx::PredicatePtr& predicate,
+                                                                         qx::ErrorPtr* error, Fetch fetch) {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) {
     qx::setError(error, generateError(noStackError()));
     return std::vector<QXEventPtr>();
   }
   qx::ErrorPtr failure;
-  std::vector<qx::PredicatePtr> conditions;
+  Conditions conditions;
   if (const qx::PredicatePtr rewritten = readPredicate(rewrittenText(predicate), &failure)) {
     conditions.push_back(rewritten);
   }
@@ -106,16 +134,14 @@ std::optional<std::vector<QXEventPtr>> QXStoreCoordinator::eventsWithPredicate(
     qx::setError(error, failure);
     return std::nullopt;
   }
-  if (std::vector<qx::PredicatePtr> blocks = wholeBlockPredicates(); !blocks.empty()) {
+  if (Conditions blocks = wholeBlockPredicates(); !blocks.empty()) {
     conditions.push_back(qx::Predicate::negation(qx::Predicate::disjunction(std::move(blocks))));
   }
 
   std::vector<QXEventPtr> result;
   {
     const std::lock_guard lock(*database);
-    std::optional<qx::ManagedObjects> rows = database->getManagedObjects(
-        kEventEntity, conditions.empty() ? nullptr : qx::Predicate::conjunction(std::move(conditions)),
-        &failure);
+    std::optional<qx::ManagedObjects> rows = fetch(*database, std::move(conditions), &failure);
     const bool isInvalidRequest = !rows && failure && failure->code() == kInvalidRequest;
     if (!rows) rows.emplace();
     QXLogInfo("EventManaged Objects count = [%lu]", rows->size());
@@ -245,20 +271,25 @@ std::optional<std::vector<std::string>> QXStoreCoordinator::getAllEventClassIDs(
   return nothingWhenEmpty(strings(allObjects(kEventClassEntity, equals(kSourceID, nullptr)), kEventClassID));
 }
 
+// The sources of the events that isEventBlocked() would not say yes for, without a look at every event.
 std::vector<QXEventSourcePtr> QXStoreCoordinator::eventSources() {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) return {};
   std::vector<QXEventSourcePtr> result;
-  std::unordered_set<std::string> listed;
   const std::lock_guard lock(*database);
-  const QXEventBlocks blocks = currentBlocks();
-  for (const qx::ManagedObjectPtr& row : allObjects(kEventEntity, nullptr)) {
-    const qx::Value& sourceID = row->value(kEventSourceID);
-    if (sourceID.asString() == nullptr || listed.contains(*sourceID.asString())) continue;
-    const qx::ManagedObjectPtr classRow = row->related(kEventClass);
-    if (blocks.blocks(classRow ? classRow->value(kEventClassID) : qx::Value(), sourceID)) continue;
-    listed.insert(*sourceID.asString());
-    if (QXEventSourcePtr source = sourceWithID(*sourceID.asString())) result.push_back(std::move(source));
+  Conditions conditions;
+  if (Conditions blocks = wholeBlockPredicates(); !blocks.empty()) {
+    conditions.push_back(qx::Predicate::negation(qx::Predicate::disjunction(std::move(blocks))));
+  }
+  if (qx::PredicatePtr partly = withoutPartialBlocks(); !partly->members().empty()) {
+    conditions.push_back(std::move(partly));
+  }
+  const auto identifiers =
+      database->context().distinctStrings(kEventEntity, kEventSourceID, allOf(std::move(conditions)));
+  if (!identifiers) return {};
+  result.reserve(identifiers->size());
+  for (const std::string& identifier : *identifiers) {
+    if (QXEventSourcePtr source = sourceWithID(identifier)) result.push_back(std::move(source));
   }
   return result;
 }

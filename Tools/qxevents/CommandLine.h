@@ -54,6 +54,7 @@ void addImportCommand(CLI::App& app, Context& context);
 void addQueryCommands(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addCatalogueCommands(CLI::App& app, Context& context);
+void addBlockCommands(CLI::App& app, Context& context);
 void addChangeCommands(CLI::App& app, Context& context);
 void addStatusCommand(CLI::App& app, Context& context);
 void addLogCommand(CLI::App& app, Context& context);

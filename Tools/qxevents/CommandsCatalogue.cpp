@@ -1,4 +1,4 @@
-#include <map>
+#include <algorithm>
 #include <memory>
 
 #include <fmt/format.h>
@@ -13,7 +13,7 @@
 namespace qxevents {
 namespace {
 
-std::string sourceJson(const QXEventSource& source, std::size_t events) {
+std::string sourceJson(const QXEventSource& source, std::uint64_t events) {
   std::string json = fmt::format("{{\"id\":{}", jsonString(source.identifier().value_or("")));
   const auto add = [&json](std::string_view name, const qx::String& value) {
     if (value) json += fmt::format(",\"{}\":{}", name, jsonString(*value));
@@ -26,23 +26,32 @@ std::string sourceJson(const QXEventSource& source, std::size_t events) {
   return json + fmt::format(",\"events\":{}}}\n", events);
 }
 
-/// How many events that are not blocked there are for each text that `textOf` gives; nothing after a failure.
-template <class TextOf>
-std::optional<std::map<std::string, std::size_t>> countEventsBy(TextOf textOf) {
-  const auto events = fetchEvents(nullptr);
-  if (!events) return std::nullopt;
-  std::map<std::string, std::size_t> counts;
-  for (const auto& event : *events) {
-    if (const qx::String text = textOf(*event)) ++counts[*text];
-  }
-  return counts;
+/// How many events that are not blocked have `value` for `attribute`; nothing after a failure.
+std::optional<std::uint64_t> countEventsOf(std::string_view attribute, const std::string& value,
+                                           const qx::PredicatePtr& notBlocked) {
+  return countEvents((qx::key(attribute) == value) && qx::Condition(notBlocked));
 }
 
-int runSources(Context& context) {
-  const auto counts = countEventsBy([](const QXEvent& event) {
-    return event.source() == nullptr ? std::nullopt : event.source()->identifier();
-  });
-  if (!counts) return kFailed;
+/// What the library knows no more of than an empty list is explained here; false when there is a failure.
+bool isReadable() {
+  const auto problem = QXEventStore::sharedQXEventStore().status().problem;
+  if (problem == nullptr) return true;
+  complain(*problem);
+  return false;
+}
+
+std::vector<QXEventSourcePtr> allSources() {
+  std::vector<QXEventSourcePtr> sources;
+  for (const auto& id : QXEventSource::knownEventSourceIDs().value_or(std::vector<std::string>())) {
+    if (auto source = QXEventSource::eventSourceWithID(id)) sources.push_back(std::move(source));
+  }
+  return sources;
+}
+
+int runSources(Context& context, bool all) {
+  const auto sources = all ? allSources() : QXEventStore::sharedQXEventStore().eventSources();
+  if (sources.empty()) return isReadable() ? kDone : kFailed;
+  const auto notBlocked = notWhollyBlocked();
   Table table({{"ID", 8, 5},
                {"NAME", 8, 4},
                {"ALTERNATE NAME", 6, 1},
@@ -50,18 +59,17 @@ int runSources(Context& context) {
                {"PRODUCT", 6, 3},
                {"SERVICE ID", 6, 3},
                {"EVENTS", 0, 0, Cut::end, true}});
-  for (const auto& id : QXEventSource::knownEventSourceIDs().value_or(std::vector<std::string>())) {
-    const auto source = QXEventSource::eventSourceWithID(id);
-    if (source == nullptr) continue;
-    const auto found = counts->find(id);
-    const auto events = found == counts->end() ? 0 : found->second;
+  for (const auto& source : sources) {
+    const std::string id = source->identifier().value_or("");
+    const auto events = countEventsOf(QXESAttributeEventSourceID, id, notBlocked);
+    if (!events) return kFailed;
     if (context.json) {
-      context.output.write(sourceJson(*source, events));
+      context.output.write(sourceJson(*source, *events));
       continue;
     }
     table.addRow({id, source->name().value_or(""), source->alternateName().value_or(""),
                   source->makeAndModel().value_or(""), source->productNumber().value_or(""),
-                  source->serviceID().value_or(""), fmt::format("{}", events)});
+                  source->serviceID().value_or(""), fmt::format("{}", *events)});
   }
   table.print(context.output, context.width, context.color);
   return kDone;
@@ -69,12 +77,7 @@ int runSources(Context& context) {
 
 int runKnownClasses(Context& context) {
   auto ids = QXEvent::knownEventClassIDs();
-  if (!ids) {
-    const auto problem = QXEventStore::sharedQXEventStore().status().problem;
-    if (problem == nullptr) return kDone;
-    complain(*problem);
-    return kFailed;
-  }
+  if (!ids) return isReadable() ? kDone : kFailed;
   std::sort(ids->begin(), ids->end());
   Table table({{"CLASS", 12, 2, Cut::start},
                {"SEVERITY"},
@@ -102,14 +105,19 @@ int runKnownClasses(Context& context) {
 }
 
 int runStoredClasses(Context& context) {
-  const auto counts = countEventsBy([](const QXEvent& event) { return event.classID(); });
-  if (!counts) return kFailed;
+  auto ids = QXEvent::knownEventClassIDs();
+  if (!ids) return isReadable() ? kDone : kFailed;
+  std::sort(ids->begin(), ids->end());
+  const auto notBlocked = notWhollyBlocked();
   Table table({{"CLASS", 12, 1, Cut::start}, {"EVENTS", 0, 0, Cut::end, true}});
-  for (const auto& [id, events] : *counts) {
+  for (const auto& id : *ids) {
+    const auto events = countEventsOf(QXESAttributeEventClassID, id, notBlocked);
+    if (!events) return kFailed;
+    if (*events == 0) continue;
     if (context.json) {
-      context.output.write(fmt::format("{{\"class\":{},\"events\":{}}}\n", jsonString(id), events));
+      context.output.write(fmt::format("{{\"class\":{},\"events\":{}}}\n", jsonString(id), *events));
     } else {
-      table.addRow({id, fmt::format("{}", events)});
+      table.addRow({id, fmt::format("{}", *events)});
     }
   }
   table.print(context.output, context.width, context.color);
@@ -119,9 +127,12 @@ int runStoredClasses(Context& context) {
 }  // namespace
 
 void addCatalogueCommands(CLI::App& app, Context& context) {
-  auto& sources =
-      *app.add_subcommand("sources", "Prints the devices, with the number of their events not blocked.");
-  sources.callback([&context] { context.command = [&context] { return runSources(context); }; });
+  const auto all = std::make_shared<bool>(false);
+  auto& sources = *app.add_subcommand(
+      "sources", "Prints the devices that have events that are not blocked, with the number of those.");
+  sources.add_flag("--all", *all, "Every device in the store, those with nothing to show too");
+  sources.callback(
+      [&context, all] { context.command = [&context, all] { return runSources(context, *all); }; });
 
   const auto known = std::make_shared<bool>(false);
   auto& classes = *app.add_subcommand("classes", "Prints the classes of the stored events.");

@@ -10,6 +10,7 @@
 #include "EventJson.h"
 #include "StoreAccess.h"
 #include "Table.h"
+#include "Where.h"
 
 namespace qxevents {
 namespace {
@@ -20,6 +21,7 @@ struct Filters {
   std::optional<qx::Date> since, until;
   bool read = false, unread = false, solved = false, unsolved = false;
   std::optional<std::int64_t> limit;
+  qx::PredicatePtr where;
 
   std::size_t limitOr(std::size_t count) const {
     return limit ? std::min(count, static_cast<std::size_t>(*limit)) : count;
@@ -44,6 +46,7 @@ qx::PredicatePtr predicateOf(const Filters& filters) {
   if (filters.solved || filters.unsolved) {
     all.push_back(qx::key(QXESAttributeEventSolutionStatus) == (filters.solved ? 1 : 0));
   }
+  if (filters.where != nullptr) all.push_back(filters.where);
   return all.empty() ? nullptr : qx::Predicate::conjunction(std::move(all));
 }
 
@@ -88,20 +91,15 @@ void printTable(Context& context, const std::vector<QXEventPtr>& events) {
 }
 
 int runList(Context& context, const Filters& filters) {
-  auto events = fetchEvents(predicateOf(filters));
+  constexpr std::int64_t kAll = std::numeric_limits<std::int64_t>::max();
+  const auto events = fetchNewestEvents(predicateOf(filters), filters.limit.value_or(kAll));
   if (!events) return kFailed;
-  const auto isNewer = [](const QXEventPtr& a, const QXEventPtr& b) {
-    if (a->triggerTime() != b->triggerTime()) return a->triggerTime() > b->triggerTime();
-    return a->identifier() < b->identifier();
-  };
-  const auto end = events->begin() + static_cast<std::ptrdiff_t>(filters.limitOr(events->size()));
-  std::partial_sort(events->begin(), end, events->end(), isNewer);
-  events->erase(end, events->end());
   if (!context.json) {
     printTable(context, *events);
     return kDone;
   }
   for (const auto& event : *events) {
+    if (context.output.isBroken()) break;
     std::string line;
     encodeEvent(line, *event, false);
     context.output.write(line + "\n");
@@ -110,14 +108,10 @@ int runList(Context& context, const Filters& filters) {
 }
 
 int runCount(Context& context, const Filters& filters) {
-  qx::ErrorPtr error;
-  const auto count =
-      QXEventStore::sharedQXEventStore().countOfEventsWithPredicate(predicateOf(filters), &error);
-  if (error != nullptr || count == std::numeric_limits<std::uint64_t>::max()) {
-    complainOfStore(error);
-    return kFailed;
-  }
-  context.output.write(context.json ? fmt::format("{{\"count\":{}}}\n", count) : fmt::format("{}\n", count));
+  const auto count = countEvents(predicateOf(filters));
+  if (!count) return kFailed;
+  context.output.write(context.json ? fmt::format("{{\"count\":{}}}\n", *count)
+                                    : fmt::format("{}\n", *count));
   return kDone;
 }
 
@@ -130,6 +124,15 @@ void addFilters(CLI::App& app, Filters& filters) {
   addTime(app, "--until", filters.until, "Only before this moment (RFC 3339)");
   auto* read = app.add_flag("--read", filters.read, "Only those that were read");
   app.add_flag("--unread", filters.unread, "Only those that were not read")->excludes(read);
+  const auto takeWhere = [&filters](const std::string& text) {
+    std::string refusal;
+    filters.where = readWhere(text, refusal);
+    if (filters.where == nullptr) throw CLI::ValidationError("--where", refusal);
+  };
+  app.add_option_function<std::string>("--where", takeWhere,
+                                       "Only those for which this predicate holds, for instance\n"
+                                       "'EventSeverity >= 2 AND EventClassID CONTAINS[c] \"jam\"'")
+      ->type_name("PREDICATE");
   auto* solved = app.add_flag("--solved", filters.solved, "Only those in their last state");
   app.add_flag("--unsolved", filters.unsolved, "Only those not in their last state")->excludes(solved);
 }

@@ -1,5 +1,7 @@
 #include "StoreAccess.h"
 
+#include <limits>
+
 #include <fmt/format.h>
 
 #include <QXEventStoring/QXEventStore.h>
@@ -22,6 +24,35 @@ std::optional<std::vector<QXEventPtr>> fetchEvents(const qx::PredicatePtr& predi
   if (events && error == nullptr) return events;
   complainOfStore(error);
   return std::nullopt;
+}
+
+std::optional<std::vector<QXEventPtr>> fetchNewestEvents(const qx::PredicatePtr& predicate,
+                                                         std::int64_t most) {
+  qx::ErrorPtr error;
+  auto events = QXEventStore::sharedQXEventStore().newestEventsWithPredicate(
+      predicate, static_cast<std::uint64_t>(most), &error);
+  if (events && (error == nullptr || most == 0)) return events;
+  complainOfStore(error);
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> countEvents(const qx::PredicatePtr& predicate) {
+  constexpr auto kFailedToCount = std::numeric_limits<std::uint64_t>::max();
+  qx::ErrorPtr error;
+  const auto count = QXEventStore::sharedQXEventStore().countOfEventsWithPredicate(predicate, &error);
+  if (error == nullptr && count != kFailedToCount) return count;
+  complainOfStore(error);
+  return std::nullopt;
+}
+
+qx::PredicatePtr notWhollyBlocked() {
+  auto& store = QXEventStore::sharedQXEventStore();
+  qx::Array sources;
+  for (const auto& source : store.blockedEventSources())
+    sources.emplace_back(source->identifier());
+  const auto classes = store.blockedEventClasses();
+  return !(qx::key(QXESAttributeEventSourceID).in(std::move(sources)) ||
+           qx::key(QXESAttributeEventClassID).in(qx::Array(classes.begin(), classes.end())));
 }
 
 QXEventPtr fetchEvent(const std::string& id) {

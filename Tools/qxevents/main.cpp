@@ -89,6 +89,7 @@ int runTool(int argc, char** argv) {
   addShowCommand(app, context);
   addChangeCommands(app, context);
   addCatalogueCommands(app, context);
+  addBlockCommands(app, context);
   addStatusCommand(app, context);
   addLogCommand(app, context);
   try {

@@ -71,6 +71,12 @@ struct QXEventStoreStatus {
   std::uint64_t blocks = 0;
 };
 
+/// A block: of a class, of a source, or of a class for one source.
+struct QXEventStoreBlock {
+  qx::String classID;   // nothing: every class
+  qx::String sourceID;  // nothing: every source
+};
+
 /// The machine-wide store of device events.
 ///
 /// One object per process, made at first use and never destroyed; all processes and users of the machine
@@ -110,12 +116,20 @@ class QX_EXPORT QXEventStore {
   std::vector<std::string> blockedEventClasses();
   /// Sources blocked as a whole.
   std::vector<QXEventSourcePtr> blockedEventSources();
+  /// Every block, those of a class for one source too, in the order of their making. Nothing, with *error,
+  /// when they cannot be read.
+  std::optional<std::vector<QXEventStoreBlock>> blocks(qx::ErrorPtr* error = nullptr);
 
   /// Events that `predicate` selects (all when it is null) and that are not blocked, in the order of their
   /// adding; keys are the QXESAttribute... constants. An empty result of a store that cannot be read comes
   /// with an error.
   std::optional<std::vector<QXEventPtr>> eventsWithPredicate(const qx::PredicatePtr& predicate,
                                                              qx::ErrorPtr* error = nullptr);
+  /// The newest `most` of them by trigger time, the newest first; of those of the same moment the one that
+  /// was added last. Costs no more memory than what it returns.
+  std::optional<std::vector<QXEventPtr>> newestEventsWithPredicate(const qx::PredicatePtr& predicate,
+                                                                   std::uint64_t most,
+                                                                   qx::ErrorPtr* error = nullptr);
   /// How many events `predicate` selects. Unlike eventsWithPredicate() it counts those of wholly blocked
   /// sources and classes too. The largest value when counting failed.
   std::uint64_t countOfEventsWithPredicate(const qx::PredicatePtr& predicate, qx::ErrorPtr* error = nullptr);

@@ -130,6 +130,12 @@ BareStore::BareStore(const std::string& path) {
   remove_ = prepare("DELETE FROM ZQXEVENT WHERE Z_PK = ?");
   all_ = prepare(kSelect + "ORDER BY t0.Z_PK");
   bySource_ = prepare(kSelect + "WHERE t0.ZEVENTSOURCEID = ? ORDER BY t0.Z_PK");
+  newest_ = prepare(kSelect +
+                    "WHERE t0.ZEVENTSOURCEID = ? AND t1.ZEVENTSEVERITY >= ? "
+                    "ORDER BY t0.ZEVENTTRIGGERTIME DESC, t0.Z_PK DESC LIMIT ?");
+  since_ = prepare(kSelect +
+                   "WHERE t0.ZEVENTSOURCEID = ? AND t0.ZEVENTTRIGGERTIME >= ? AND t1.ZEVENTSEVERITY >= ? "
+                   "ORDER BY t0.Z_PK");
   byID_ = prepare(kSelect + "WHERE t0.ZEVENTID = ?");
 }
 
@@ -251,6 +257,31 @@ BareRow BareStore::fetchByID(const std::string& id) {
   std::vector<BareRow> rows = rowsOf(byID_->with(id));
   if (rows.empty()) fail(database_.get(), "no event " + id);
   return std::move(rows.front());
+}
+
+std::vector<BareRow> BareStore::fetchNewest(const std::string& sourceID, std::int64_t severity,
+                                            std::int64_t count) {
+  return rowsOf(newest_->with(sourceID, severity, count));
+}
+
+std::vector<BareRow> BareStore::fetchSince(const std::string& sourceID, double moment,
+                                           std::int64_t severity) {
+  return rowsOf(since_->with(sourceID, moment, severity));
+}
+
+std::vector<std::string> BareStore::distinctSources(const std::vector<std::string>& blockedSources,
+                                                    const std::string& blockedClass,
+                                                    const std::string& pairClass,
+                                                    const std::string& pairSource) {
+  Statement select(database_.get(),
+                   "SELECT DISTINCT t0.ZEVENTSOURCEID FROM ZQXEVENT AS t0 LEFT JOIN ZQXEVENTCLASS AS t1 "
+                   "ON t1.Z_PK = t0.ZEVENTCLASS WHERE NOT (t0.ZEVENTSOURCEID IN (?, ?) OR "
+                   "t1.ZEVENTCLASSID IS ?) AND NOT (t1.ZEVENTCLASSID IS ? AND t0.ZEVENTSOURCEID IS ?)");
+  select.with(blockedSources.at(0), blockedSources.at(1), blockedClass, pairClass, pairSource);
+  std::vector<std::string> result;
+  while (select.step())
+    result.push_back(select.text(0));
+  return result;
 }
 
 std::uint64_t BareStore::countOf(const char* sql) {

@@ -47,6 +47,14 @@ class BareStore {
   std::vector<BareRow> fetchAll();
   std::vector<BareRow> fetchBySource(const std::string& sourceID);
   BareRow fetchByID(const std::string& id);
+  /// The newest of a source, of that severity or a higher one.
+  std::vector<BareRow> fetchNewest(const std::string& sourceID, std::int64_t severity, std::int64_t count);
+  /// Those of a source from a moment on, of that severity or a higher one.
+  std::vector<BareRow> fetchSince(const std::string& sourceID, double moment, std::int64_t severity);
+  /// The sources of events that are neither of a blocked source, nor of a blocked class, nor of the pair.
+  std::vector<std::string> distinctSources(const std::vector<std::string>& blockedSources,
+                                           const std::string& blockedClass, const std::string& pairClass,
+                                           const std::string& pairSource);
   std::uint64_t count();
   std::uint64_t countUnread();
   std::uint64_t countDistinctIDs();
@@ -65,7 +73,7 @@ class BareStore {
 
   std::unique_ptr<sqlite3, Close> database_;
   std::unique_ptr<Statement> begin_, commit_, genericClass_, sourceClass_, source_, lastRow_, reserve_,
-      insert_, known_, numberByID_, markRead_, remove_, all_, bySource_, byID_;
+      insert_, known_, numberByID_, markRead_, remove_, all_, bySource_, byID_, newest_, since_;
 };
 
 }  // namespace benchmarks

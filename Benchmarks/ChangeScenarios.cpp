@@ -36,7 +36,7 @@ json populate(const Setting& setting) {
   qx::ErrorPtr error;
   require(qx::setVolumeRoot(root.string(), &error), "setting the volume root", error);
   QXEventStore& store = QXEventStore::sharedQXEventStore();
-  const SampleEvents samples;
+  const SampleEvents samples(setting.stored >= kLargeStore ? kManyDevices : 0);
   for (std::size_t first = 0; first < setting.stored; first += kListLength) {
     const std::size_t count = std::min<std::size_t>(kListLength, setting.stored - first);
     require(store.addEvents(samples.make(first, count), &error), "adding events", error);

@@ -87,6 +87,66 @@ json query(const Setting& setting) {
   return figures;
 }
 
+json queryLarge(const Setting& setting) {
+  constexpr std::int64_t kScreenful = 100;
+  constexpr std::int64_t kSeverity = 1;
+  const std::size_t repetitions = setting.quick ? 5 : 15;
+  QXEventStore& store = openStoreCopy(setting);
+  BareStore bare(bareCopy(setting));
+  json figures = json::array();
+  const std::vector<BareRow> samples = bare.firstRows(5);
+  const std::string& sourceID = samples[0].sourceID;
+  const auto ofSource =
+      qx::key(QXESAttributeEventSourceID) == sourceID && qx::key(QXESAttributeEventSeverity) >= kSeverity;
+
+  Timings ours, yardstick;
+  const auto newest = [&] { return store.newestEventsWithPredicate(ofSource, kScreenful).value(); };
+  const auto bareNewest = [&] { return bare.fetchNewest(sourceID, kSeverity, kScreenful); };
+  require(bareNewest().size() == kScreenful, "the source must have enough events");
+  const double moment = bareNewest().back().triggerTime;
+  require(newest().back()->triggerTime() == qx::Date{moment}, "both sides must find the same newest events");
+  alternate(
+      repetitions, 1, [&](std::size_t) { ours.measure(newest); },
+      [&](std::size_t) { yardstick.measure(bareNewest); });
+  figures.push_back(toJson(durationFigure("a source's 100 newest", "ms", ours, yardstick,
+                                          Target{Target::Subject::ratio, false, 2})));
+  figures.push_back(toJson(compareFetches(
+      "a source's 100 since a moment", repetitions, store,
+      ofSource && qx::key(QXESAttributeEventTriggerTime) >= qx::Date{moment},
+      [&] { return bare.fetchSince(sourceID, moment, kSeverity); },
+      Target{Target::Subject::ratio, false, 2})));
+
+  Timings ourCounts, bareCounts;
+  const qx::PredicatePtr unread = qx::key(QXESAttributeEventReadStatus) == false;
+  require(store.countOfEventsWithPredicate(unread) == bare.countUnread(), "both sides must count the same");
+  alternate(
+      repetitions, 1,
+      [&](std::size_t) { ourCounts.measure([&] { return store.countOfEventsWithPredicate(unread); }); },
+      [&](std::size_t) { bareCounts.measure([&] { return bare.countUnread(); }); });
+  figures.push_back(toJson(durationFigure("count unread", "ms", ourCounts, bareCounts,
+                                          Target{Target::Subject::ratio, false, 1.5})));
+
+  const std::vector<std::string> blockedSources{samples[1].sourceID, samples[2].sourceID};
+  for (const std::string& blocked : blockedSources) {
+    const QXEventSourcePtr source = QXEventSource::eventSourceWithID(blocked);
+    require(store.shouldBlock(true, std::nullopt, source), "blocking a source");
+  }
+  require(store.shouldBlock(true, samples[3].classID, nullptr), "blocking a class");
+  require(store.shouldBlock(true, samples[4].classID, QXEventSource::eventSourceWithID(sourceID)),
+          "blocking a class of a source");
+  Timings ourSources, bareSources;
+  const auto distinct = [&] {
+    return bare.distinctSources(blockedSources, samples[3].classID, samples[4].classID, sourceID);
+  };
+  require(store.eventSources().size() == distinct().size(), "both sides must find the same sources");
+  alternate(
+      repetitions, 1, [&](std::size_t) { ourSources.measure([&] { return store.eventSources(); }); },
+      [&](std::size_t) { bareSources.measure(distinct); });
+  figures.push_back(toJson(durationFigure("sources, some blocked", "ms", ourSources, bareSources,
+                                          Target{Target::Subject::ratio, false, 2})));
+  return figures;
+}
+
 json holdRecords(const Setting& setting) {
   QXEventStore& store = openStoreCopy(setting);
   return memoryOf([&] { return store.eventsWithPredicate(nullptr).value(); });

@@ -56,6 +56,12 @@ bool overridesSeverity(const json& info) {
   return info.contains("Event: Reported Severity") || info.contains("Event: Overridden Severity");
 }
 
+/// A number that tells nothing of `number` (Knuth's multiplicative hash), so that every device reports every
+/// sample.
+std::size_t scattered(std::size_t number) {
+  return (number * 2'654'435'761U & 0xFFFF'FFFFU) >> 8U;
+}
+
 /// Brings a list to about 340 bytes with what a supply's event says. The text of a JSON object is a little
 /// longer than the binary list.
 void fill(json& info) {
@@ -77,7 +83,7 @@ void fill(json& info) {
 
 }  // namespace
 
-SampleEvents::SampleEvents() {
+SampleEvents::SampleEvents(std::size_t devices) {
   constexpr std::size_t kLongestInfo = 450;
   std::map<std::string, QXEventSourcePtr> sources;
   std::map<std::string, json> classes;
@@ -99,6 +105,17 @@ SampleEvents::SampleEvents() {
                         *valueOf(info).asDictionary()});
   }
   if (samples_.empty()) throw std::runtime_error("no events in " QX_SAMPLE_EVENTS);
+  for (std::size_t i = 0; i < devices; ++i) {
+    const QXEventSource& like = *samples_[i % samples_.size()].source;
+    auto device = std::make_shared<QXEventSource>();
+    device->setIdentifier("QXD" + std::to_string(1'000'000 + i));
+    device->setName(like.name());
+    device->setAlternateName(like.alternateName());
+    device->setMakeAndModel(like.makeAndModel());
+    device->setProductNumber(like.productNumber());
+    device->setServiceID(like.serviceID());
+    devices_.push_back(std::move(device));
+  }
 }
 
 QXEventPtr SampleEvents::make(std::size_t number) const {
@@ -110,7 +127,7 @@ QXEventPtr SampleEvents::make(std::size_t number) const {
   event->setSeverity(sample.severity);
   event->setStatus(sample.status);
   event->setReadStatus(sample.read);
-  event->setSource(sample.source);
+  event->setSource(devices_.empty() ? sample.source : devices_[scattered(number) % devices_.size()]);
   event->setTriggerTime(qx::Date{kFirst.secondsSinceReferenceDate + static_cast<double>(number)});
   event->additionalInfo() = sample.info;
   return event;

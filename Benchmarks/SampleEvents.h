@@ -13,7 +13,9 @@ namespace benchmarks {
 /// in all of its events, so that adding one changes no other row.
 class SampleEvents {
  public:
-  SampleEvents();
+  SampleEvents() : SampleEvents(0) {}
+  /// From that many devices, each like one of the samples'; those of the samples themselves for 0.
+  explicit SampleEvents(std::size_t devices);
   /// Of sample `number`, with a fresh ID.
   QXEventPtr make(std::size_t number) const;
   std::vector<QXEventPtr> make(std::size_t first, std::size_t count) const;
@@ -29,6 +31,7 @@ class SampleEvents {
     qx::Dictionary info;
   };
   std::vector<Sample> samples_;
+  std::vector<QXEventSourcePtr> devices_;  // none: the samples'
 };
 
 }  // namespace benchmarks

@@ -21,6 +21,10 @@ struct Setting {
   double seconds = 0;  // for writers
 };
 
+/// A store of that many events or more has them of a thousand devices.
+inline constexpr std::uint64_t kLargeStore = 1'000'000;
+inline constexpr std::size_t kManyDevices = 1000;
+
 /// A scenario's figures (see toJson()), as an array; other things for those that other scenarios start.
 using Scenario = std::function<nlohmann::json(const Setting&)>;
 
@@ -28,6 +32,7 @@ nlohmann::json populate(const Setting& setting);      // makes storeFile
 nlohmann::json changeOne(const Setting& setting);     // add, mark read, remove: each a transaction
 nlohmann::json addLists(const Setting& setting);      // a thousand events a transaction
 nlohmann::json query(const Setting& setting);         // everything, by source, by ID, count
+nlohmann::json queryLarge(const Setting& setting);    // a screenful of a very large store
 nlohmann::json holdRecords(const Setting& setting);   // memory of everything, as records
 nlohmann::json holdBareRows(const Setting& setting);  // the same, as plain rows
 nlohmann::json manyWriters(const Setting& setting);   // eight processes at once

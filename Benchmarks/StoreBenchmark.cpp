@@ -16,10 +16,15 @@ namespace benchmarks {
 
 const std::map<std::string, Scenario>& scenarios() {
   static const std::map<std::string, Scenario> all{
-      {"populate", populate},       {"changeOne", changeOne},
-      {"addLists", addLists},       {"query", query},
-      {"holdRecords", holdRecords}, {"holdBareRows", holdBareRows},
-      {"manyWriters", manyWriters}, {"writer", writer},
+      {"populate", populate},
+      {"changeOne", changeOne},
+      {"addLists", addLists},
+      {"query", query},
+      {"queryLarge", queryLarge},
+      {"holdRecords", holdRecords},
+      {"holdBareRows", holdBareRows},
+      {"manyWriters", manyWriters},
+      {"writer", writer},
       {"bareWriter", bareWriter},
   };
   return all;
@@ -74,7 +79,8 @@ class Session {
     measureMemory();
     collect(run("manyWriters", disk_, storeFile(kStored.back()), kStored.back(), quick_), disk_,
             kStored.back());
-    measurePropertyLists();
+    measureLargeStore();
+    measureParts();
     measureLogging();
     return document_;
   }
@@ -139,25 +145,32 @@ class Session {
     collect(figures, memory_, kStored.back());
   }
 
-  /// From the program beside this one.
-  void measurePropertyLists() {
-    const fs::path program = ownProgram().parent_path() / "qx_property_list_benchmark";
-    if (!fs::exists(program)) return;
-    std::cerr << "  property lists\n";
-    ChildProcess child(program, {"--benchmark_format=json", "--benchmark_repetitions=5"});
-    const json result = json::parse(child.readAll());
-    child.wait();
-    const std::map<std::string, double> targets{{"encodeSupplyInformation", 800},
-                                                {"decodeSupplyInformation", 600}};
-    for (const json& line : result.at("benchmarks")) {
-      if (line.value("aggregate_name", "") != "median") continue;
-      const auto target = targets.find(line.at("run_name"));
-      if (target == targets.end()) continue;
-      document_["figures"].push_back(
-          toJson({.measure = target->first,
-                  .unit = "ns",
-                  .ours = line.at("cpu_time"),
-                  .target = Target{Target::Subject::ours, false, target->second}}));
+  void measureLargeStore() {
+    run("populate", memory_, storeFile(kLargeStore), kLargeStore, quick_);
+    collect(run("queryLarge", memory_, storeFile(kLargeStore), kLargeStore, quick_), memory_, kLargeStore);
+  }
+
+  /// From the programs beside this one.
+  void measureParts() {
+    const std::map<std::string, double> targets{
+        {"encodeSupplyInformation", 800}, {"decodeSupplyInformation", 600}, {"parseFiveTerms", 20'000}};
+    for (const char* name : {"qx_property_list_benchmark", "qx_predicate_benchmark"}) {
+      const fs::path program = ownProgram().parent_path() / name;
+      if (!fs::exists(program)) continue;
+      std::cerr << "  " << name << '\n';
+      ChildProcess child(program, {"--benchmark_format=json", "--benchmark_repetitions=5"});
+      const json result = json::parse(child.readAll());
+      child.wait();
+      for (const json& line : result.at("benchmarks")) {
+        if (line.value("aggregate_name", "") != "median") continue;
+        const auto target = targets.find(line.at("run_name"));
+        if (target == targets.end()) continue;
+        document_["figures"].push_back(
+            toJson({.measure = target->first,
+                    .unit = "ns",
+                    .ours = line.at("cpu_time"),
+                    .target = Target{Target::Subject::ours, false, target->second}}));
+      }
     }
   }
 

@@ -1,5 +1,7 @@
 #include "ObjectStore/ManagedObjectContext.h"
 
+#include <QXEventStoring/Platform/PredicateBuilder.h>
+
 #include <thread>
 
 #include "Tests/ObjectStore/StoreFixture.h"

@@ -1,4 +1,4 @@
-// The coordinator on real stores: mapping, queries, blocks, registered applications, failures.
+// The coordinator on real stores: mapping, registered applications, failures.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -14,13 +14,6 @@ namespace qx::test {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-PredicatePtr where(const std::string& format, const std::vector<Value>& arguments) {
-  ErrorPtr error;
-  auto predicate = Predicate::withFormat(format, arguments, &error);
-  EXPECT_NE(predicate, nullptr) << error->summary();
-  return predicate;
-}
 
 /// The event's own row of its class.
 class ClassRow {
@@ -113,7 +106,7 @@ TEST_F(CoordinatorTest, MakesAnEmptyGenericRowForAClassNobodyKnows) {
   added(makeEvent("E1"));
   EXPECT_EQ(rows(kEventClassEntity), before + 2);
   EXPECT_EQ(ClassRow("E1").sourceID, Value("S1"));
-  EXPECT_EQ(rows(kEventClassEntity, where("eventClassID == nil AND sourceID == nil", {})), 1U);
+  EXPECT_EQ(rows(kEventClassEntity, Predicate::withFormat("eventClassID == nil AND sourceID == nil")), 1U);
 
   const auto unknown = QXEvent::eventWithEventClassID("com.example.other");
   ASSERT_NE(unknown, nullptr);
@@ -248,142 +241,6 @@ TEST_F(CoordinatorTest, AnnouncesASourceWhoseStoredValuesChange) {
   EXPECT_EQ(QXEventSource::eventSourceWithID("S1"), first);
   EXPECT_EQ(first->name(), "Renamed") << "the process's record follows";
   EXPECT_EQ(first->serviceID(), "svc");
-}
-
-TEST_F(CoordinatorTest, RewritesPlaceholdersInPredicates) {
-  const auto solved = makeEvent("solved", kKnownClass, makeSource("S1"));
-  solved->setStatus({3, 3});
-  solved->setReadStatus(true);
-  solved->setTriggerTime(Date{2000});
-  added(solved);
-  added(makeEvent("open", kUnknownClass, makeSource("S%@\"\\S2")));
-
-  const Value status = std::string(QXESAttributeEventSolutionStatus);
-  const Value source = std::string(QXESAttributeEventSourceID);
-  const Texts all{"solved", "open"};
-  EXPECT_EQ(identifiers(nullptr), all);
-  struct Case {
-    const char* format;
-    std::vector<Value> arguments;
-    Texts found;
-  };
-  for (const Case& c : std::vector<Case>{
-           {"%K == 1", {status}, {"solved"}},
-           {"%K == 0", {status}, {"open"}},
-           {"1 == %K", {status}, {"solved"}},
-           {"0 == %K", {status}, {"open"}},
-           {"NOT (%K == YES)", {status}, {"open"}},
-           {"%K == 2", {status}, {"refused"}},
-           {"%K == 10", {status}, {"refused"}},
-           {"%K != 1", {status}, {"refused"}},
-           {"noSuchKey == 1", {}, {"refused"}},
-           {"%K == %@", {source, "S1"}, {"solved"}},
-           {"%K == %@", {source, "S%@\"\\S2"}, {"open"}},
-           {"%K == %@", {source, std::string(QXESAttributeEventSourceID)}, {}},
-           {"%K == %@", {std::string(QXESAttributeEventClassID), kUnknownClass}, {"open"}},
-           {"%K > %@", {std::string(QXESAttributeEventTriggerTime), Date{1500}}, {"solved"}},
-           {"%K == NO", {std::string(QXESAttributeEventReadStatus)}, {"open"}},
-           {"%K >= 0", {std::string(QXESAttributeEventSeverity)}, all},
-           {"%K == 1 AND %K == %@", {status, source, "S9"}, {}},
-       }) {
-    const PredicatePtr predicate = where(c.format, c.arguments);
-    EXPECT_EQ(identifiers(predicate), c.found) << predicate->predicateFormat();
-    ErrorPtr error;
-    const std::uint64_t count = store().countOfEventsWithPredicate(predicate, &error);
-    if (c.found == Texts{"refused"}) {
-      EXPECT_EQ(count, ManagedObjectContext::kNotFound) << predicate->predicateFormat();
-      EXPECT_EQ(error ? error->code() : 0, 999) << predicate->predicateFormat();
-    } else {
-      EXPECT_EQ(count, c.found.size()) << predicate->predicateFormat();
-      EXPECT_EQ(error, nullptr) << predicate->predicateFormat();
-    }
-  }
-  EXPECT_EQ(coordinator().eventsFromSource("S1", std::nullopt), Texts{"solved"});
-  EXPECT_EQ(coordinator().eventsFromSource(std::nullopt, kUnknownClass), Texts{"open"});
-  EXPECT_EQ(coordinator().eventsFromSource("S1", kUnknownClass), Texts());
-  EXPECT_EQ(coordinator().eventsFromSource(std::nullopt, std::nullopt), Texts());
-}
-
-TEST_F(CoordinatorTest, ExplainsAnEmptyResultOfABrokenStore) {
-  EXPECT_EQ(coordinator().getAllSourceIds(), std::nullopt);
-  ErrorPtr error = Error::make(kCocoaErrorDomain, 1);
-  EXPECT_TRUE(store().eventsWithPredicate(nullptr, &error)->empty());
-  EXPECT_EQ(error, nullptr);
-  fs::remove(EventStoreTest::AccessorTest::store());
-  EXPECT_TRUE(store().eventsWithPredicate(nullptr, &error)->empty());
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), -996);
-  EXPECT_EQ(store().countOfEventsWithPredicate(nullptr, &error), 0U);
-  EXPECT_EQ(error->code(), -996);
-  EXPECT_EQ(error->recoveryOptions().size(), 2U);
-}
-
-TEST_F(CoordinatorTest, HidesWhatIsBlocked) {
-  for (const char* classID : {kKnownClass, kUnknownClass}) {
-    for (const char* sourceID : {"S1", "S2"}) {
-      added(makeEvent(std::string(classID) + "/" + sourceID, classID, makeSource(sourceID)));
-    }
-  }
-  const std::string known = kKnownClass;
-  const std::string unknown = kUnknownClass;
-  struct Case {
-    String classID, sourceID;
-    Texts visible;
-    std::uint64_t count;
-    std::size_t classes, sources, partial;
-  };
-  for (const Case& c : std::vector<Case>{
-           {kKnownClass, std::nullopt, {unknown + "/S1", unknown + "/S2"}, 4, 1, 0, 0},
-           {std::nullopt, "S1", {known + "/S2", unknown + "/S2"}, 4, 0, 1, 0},
-           {kKnownClass, "S1", {known + "/S2", unknown + "/S1", unknown + "/S2"}, 3, 0, 0, 1},
-       }) {
-    ErrorPtr untouched = Error::make(kCocoaErrorDomain, 1);
-    const ErrorPtr before = untouched;
-    EXPECT_TRUE(coordinator().blockEventClass(c.classID, c.sourceID, &untouched));
-    EXPECT_TRUE(coordinator().blockEventClass(c.classID, c.sourceID, &untouched)) << "blocked already";
-    EXPECT_EQ(rows(kBlockedEventEntity), 1U);
-    EXPECT_EQ(identifiers(nullptr), c.visible);
-    EXPECT_EQ(store().countOfEventsWithPredicate(nullptr), c.count);
-    EXPECT_EQ(store().countOfEventsWithPredicate(key(QXESAttributeEventSourceID) != "S9"), c.count);
-    EXPECT_EQ(store().blockedEventClasses().size(), c.classes);
-    EXPECT_EQ(coordinator().blockedEventClassBySource("S9"), store().blockedEventClasses());
-    EXPECT_EQ(store().blockedEventSources().size(), c.sources);
-    for (const char* sourceID : {"S1", "S2"}) {
-      const Texts& visible = c.visible;
-      const std::string eventID = known + "/" + sourceID;
-      EXPECT_EQ(store().isEventBlocked(makeEvent("any", kKnownClass, makeSource(sourceID))),
-                std::find(visible.begin(), visible.end(), eventID) == visible.end());
-    }
-    {
-      const std::lock_guard lock(accessor());
-      EXPECT_EQ(coordinator().partiallyBlockedManagedObjects().size(), c.partial);
-    }
-    EXPECT_FALSE(coordinator().unblockEventClass(c.classID, "S9", &untouched)) << "only the exact pair";
-    EXPECT_TRUE(coordinator().unblockEventClass(c.classID, c.sourceID, &untouched));
-    EXPECT_FALSE(coordinator().unblockEventClass(c.classID, c.sourceID, &untouched));
-    EXPECT_EQ(untouched, before);
-    EXPECT_EQ(identifiers(nullptr).size(), 4U);
-  }
-  EXPECT_TRUE(coordinator().blockEventClass(std::nullopt, "not stored"));
-  EXPECT_TRUE(store().blockedEventSources().empty());
-}
-
-TEST_F(CoordinatorTest, ListsSourcesWithAnEventThatIsNotBlocked) {
-  added(makeEvent("E1", kKnownClass, makeSource("S2")));
-  added(makeEvent("E2", kUnknownClass, makeSource("S1")));
-  added(makeEvent("E3", kKnownClass, makeSource("S1")));
-  const auto listed = [] {
-    Texts result;
-    for (const auto& source : store().eventSources())
-      result.push_back(*source->identifier());
-    return result;
-  };
-  EXPECT_EQ(listed(), (Texts{"S2", "S1"}));
-  ASSERT_TRUE(coordinator().blockEventClass(kKnownClass, std::nullopt));
-  EXPECT_EQ(listed(), Texts{"S1"});
-  ASSERT_TRUE(coordinator().blockEventClass(std::nullopt, "S1"));
-  EXPECT_EQ(listed(), Texts());
-  EXPECT_EQ(QXEventSource::knownEventSourceIDs(), (Texts{"S2", "S1"}));
 }
 
 TEST_F(CoordinatorTest, KeepsRegisteredApplications) {

@@ -253,6 +253,12 @@ TEST_F(Qxevents, ListsNewestFirstAndFilters) {
       {{"--since", "2026-11-02T00:00:00.001Z"}, "399"},
       {{"--until", "2026-11-02T00:00:00Z"}, "0"},
       {{"--source", "QXD82K4410", "--class", "no such class"}, "0"},
+      {{"--where", "SourceID IN {'QXD82K4410', 'QXL60N3321'} AND NOT EventReadStatus == YES"}, "26"},
+      {{"--where", "EventSolutionStatus != 1 OR 1 == EventSolutionStatus"}, "400"},
+      {{"--where", "EventSolutionStatus == NO", "--unread"}, "47"},
+      {{"--where", "EventTriggerTime < \"2026-11-02T00:00:00.001Z\" or EventSeverity + 1 > 4"}, "2"},
+      {{"--where", "EventClassID ENDSWITH[c] 'RÉSEAU.LENT'"}, "1"},
+      {{"--where", "SourceID == \"'); DROP TABLE ZQXEVENT; --\""}, "0"},
   };
   for (auto [filters, expected] : cases)
     EXPECT_EQ(count(filters), expected) << filters[0];
@@ -283,6 +289,12 @@ TEST_F(Qxevents, NamesTheArgumentOfWrongUsage) {
       {{"list", "--min-severity", "9223372036854775808"}, "--min-severity"},
       {{"count", "--since", "2026-11-02T00:00:00"}, "--since"},
       {{"count", "--read", "--unread"}, "--unread"},
+      {{"count", "--where", "EventSeverity =="},
+       "--where: The predicate format \"EventSeverity ==\" cannot be read"},
+      {{"list", "--where", "Severity == 1"}, "there is no key \"Severity\"; the keys are SourceID"},
+      {{"list", "--where", "EventSolutionStatus > 0"}, "EventSolutionStatus can only be"},
+      {{"export", "--where", "EventTriggerTime > 'yesterday'"}, "\"yesterday\" is not an RFC 3339 time"},
+      {{"block"}, "needs --class, --source or both"},
       {{"count", "--source", "\xC3("}, "--source: \"\\xC3(\""},
       {{"add", "--class", "c"}, "--source"},
       {{"add", "--class", "c", "--source", "s", "--source-name", "n", "--info", "novalue"}, "--info"},
@@ -352,6 +364,46 @@ TEST_F(Qxevents, TellsAStoreThatCannotBeUsed) {
       EXPECT_EQ(result.lastErrorLine(), "added 0, refused 0");
     }
   }
+}
+
+/// Every line is another process's.
+TEST_F(Qxevents, HidesWhatAnotherProcessBlocked) {
+  const auto other = std::vector<std::string>{"--class", "com.qx.printer.frontpanelevent.copy"};
+  const auto jsonOf = [&](std::vector<std::string> command) {
+    command.push_back("--json");
+    return linesOf(run(command).output);
+  };
+  add();
+  add(other);
+  add({"--source", "S2"});
+  struct Case {
+    std::vector<std::string> block;
+    const char* listed;  // events
+    const char* counted;
+    std::size_t sources;
+  };
+  const std::string mediaEmpty = "com.qx.printer.state.media.empty";
+  for (const Case& c : std::vector<Case>{{{"--source", "S1"}, "1", "3", 1},
+                                         {{"--class", mediaEmpty}, "1", "3", 1},
+                                         {{"--class", mediaEmpty, "--source", "S2"}, "2", "2", 1}}) {
+    auto command = c.block;
+    command.insert(command.begin(), "block");
+    EXPECT_EQ(run(command).exitCode, 0);
+    EXPECT_EQ(run(command).exitCode, 0) << "blocked already";
+    EXPECT_EQ(jsonOf({"blocks"}).size(), 1U);
+    EXPECT_EQ(std::to_string(jsonOf({"list"}).size()), c.listed);
+    EXPECT_EQ(count(), c.counted);
+    EXPECT_EQ(jsonOf({"sources"}).size(), c.sources);
+    EXPECT_EQ(jsonOf({"sources", "--all"}).size(), 2U);
+    command.front() = "unblock";
+    EXPECT_EQ(run(command).exitCode, 0);
+    const auto again = run(command);
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_TRUE(contains(again.errors, "nothing to unblock")) << again.errors;
+  }
+  EXPECT_EQ(run({"blocks"}).output, "");
+  EXPECT_EQ(jsonOf({"list"}).size(), 3U);
+  EXPECT_TRUE(contains(run({"block", "--source", "nobody"}).errors, "no source nobody"));
 }
 
 TEST_F(Qxevents, ListsKnownClassesAndThoseOfStoredEvents) {

@@ -4,6 +4,7 @@
 #include <QXEventStoring/Platform/Predicate.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace qx {
@@ -100,8 +101,15 @@ ExpressionPtr Expression::element(ExpressionPtr collection, Element which) {
 }
 
 ExpressionPtr Expression::path(ExpressionPtr base, std::string_view path) {
-  std::shared_ptr<Expression> expression(new Expression(Kind::path));
-  expression->components_ = splitPath(path);
+  base = orNil(std::move(base));
+  const bool ofSelf = base->kind() == Kind::self && !path.starts_with('@');
+  if (ofSelf) return keyPath(path);
+  const bool continues = base->kind() == Kind::keyPath || base->kind() == Kind::path;
+  std::shared_ptr<Expression> expression(new Expression(continues ? base->kind() : Kind::path));
+  if (continues) expression->components_ = base->components_;
+  std::vector<std::string> components = splitPath(path);
+  std::move(components.begin(), components.end(), std::back_inserter(expression->components_));
+  if (continues) return finish(std::move(expression), base->members_);
   return finish(std::move(expression), {std::move(base)});
 }
 

@@ -58,19 +58,18 @@ const char* misfit(const Value& value, PredicateToken::Argument conversion, int 
 }  // namespace
 
 std::optional<Value> PredicateArguments::take(const PredicateToken& token, int levels, std::string* problem) {
-  const std::string name = "argument " + std::to_string(next_ + 1) + " for " + std::string(token.text);
-  if (next_ >= values_.size()) {
-    *problem = name + " is missing";
+  const auto refuse = [&](std::string_view reason) {
+    *problem = "argument " + std::to_string(next_ + 1) + " for " + std::string(token.text);
+    *problem += reason;
     return std::nullopt;
-  }
+  };
+  if (next_ >= values_.size()) return refuse(" is missing");
   const Value& value = values_[next_];
   if (const char* const reason = misfit(value, token.argument, levels)) {
-    *problem = name + ' ' + reason;
-    return std::nullopt;
+    return refuse(std::string(" ") + reason);
   }
   if (const char* const part = unwritablePart(value)) {
-    *problem = name + " has no text form: " + part;
-    return std::nullopt;
+    return refuse(std::string(" has no text form: ") + part);
   }
   ++next_;
   return token.argument == PredicateToken::Argument::real ? Value(value.doubleValue()) : value;

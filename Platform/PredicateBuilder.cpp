@@ -26,14 +26,73 @@ std::vector<PredicatePtr> flattened(const PredicatePtr& a, const PredicatePtr& b
   return members;
 }
 
-}  // namespace
-
-Condition KeyBuilder::in(Array values) const {
-  return compare(Predicate::Operator::in, Value(std::move(values)));
+KeyBuilder constantOf(Value value) {
+  return KeyBuilder(Expression::constant(std::move(value)));
 }
 
-Condition KeyBuilder::compare(Predicate::Operator op, Value value) const {
-  return Condition(Predicate::comparison(expression_, op, Expression::constant(std::move(value))));
+KeyBuilder arithmetic(const KeyBuilder& a, Expression::Operation operation, const KeyBuilder& b) {
+  return KeyBuilder(Expression::arithmetic(a.expression(), operation, b.expression()));
+}
+
+}  // namespace
+
+Condition KeyBuilder::comparison(Predicate::Operator op, ExpressionPtr right,
+                                 Predicate::Options options) const {
+  return Condition(Predicate::comparison(expression_, op, std::move(right), options, modifier_));
+}
+
+Condition KeyBuilder::compare(Predicate::Operator op, Value value, Predicate::Options options) const {
+  return comparison(op, Expression::constant(std::move(value)), options);
+}
+
+Condition KeyBuilder::compare(Predicate::Operator op, const KeyBuilder& other,
+                              Predicate::Options options) const {
+  return comparison(op, other.expression_, options);
+}
+
+Condition KeyBuilder::in(Array values) const {
+  return in(std::move(values), {});
+}
+
+Condition KeyBuilder::in(Array values, Predicate::Options options) const {
+  return compare(Predicate::Operator::in, Value(std::move(values)), options);
+}
+
+Condition KeyBuilder::between(Value lowest, Value highest) const {
+  return between(constantOf(std::move(lowest)), constantOf(std::move(highest)));
+}
+
+Condition KeyBuilder::between(const KeyBuilder& lowest, const KeyBuilder& highest) const {
+  return comparison(Predicate::Operator::between,
+                    Expression::aggregate({lowest.expression_, highest.expression_}), {});
+}
+
+Condition KeyBuilder::contains(Value part, Predicate::Options options) const {
+  return compare(Predicate::Operator::contains, std::move(part), options);
+}
+
+Condition KeyBuilder::beginsWith(std::string_view text, Predicate::Options options) const {
+  return compare(Predicate::Operator::beginsWith, Value(text), options);
+}
+
+Condition KeyBuilder::endsWith(std::string_view text, Predicate::Options options) const {
+  return compare(Predicate::Operator::endsWith, Value(text), options);
+}
+
+Condition KeyBuilder::like(std::string_view pattern, Predicate::Options options) const {
+  return compare(Predicate::Operator::like, Value(pattern), options);
+}
+
+Condition KeyBuilder::matches(std::string_view expression, Predicate::Options options) const {
+  return compare(Predicate::Operator::matches, Value(expression), options);
+}
+
+KeyBuilder KeyBuilder::element(Expression::Element which) const {
+  return KeyBuilder(Expression::element(expression_, which));
+}
+
+KeyBuilder KeyBuilder::at(Value index) const {
+  return KeyBuilder(Expression::element(expression_, Expression::constant(std::move(index))));
 }
 
 Condition operator==(const KeyBuilder& key, Value value) {
@@ -53,6 +112,70 @@ Condition operator>(const KeyBuilder& key, Value value) {
 }
 Condition operator>=(const KeyBuilder& key, Value value) {
   return key.compare(Predicate::Operator::greaterOrEqual, std::move(value));
+}
+
+Condition operator==(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::equal, b);
+}
+Condition operator!=(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::notEqual, b);
+}
+Condition operator<(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::less, b);
+}
+Condition operator<=(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::lessOrEqual, b);
+}
+Condition operator>(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::greater, b);
+}
+Condition operator>=(const KeyBuilder& a, const KeyBuilder& b) {
+  return a.compare(Predicate::Operator::greaterOrEqual, b);
+}
+
+KeyBuilder operator+(const KeyBuilder& a, const KeyBuilder& b) {
+  return arithmetic(a, Expression::Operation::add, b);
+}
+KeyBuilder operator+(const KeyBuilder& key, Value number) {
+  return key + constantOf(std::move(number));
+}
+KeyBuilder operator+(Value number, const KeyBuilder& key) {
+  return constantOf(std::move(number)) + key;
+}
+KeyBuilder operator-(const KeyBuilder& a, const KeyBuilder& b) {
+  return arithmetic(a, Expression::Operation::subtract, b);
+}
+KeyBuilder operator-(const KeyBuilder& key, Value number) {
+  return key - constantOf(std::move(number));
+}
+KeyBuilder operator-(Value number, const KeyBuilder& key) {
+  return constantOf(std::move(number)) - key;
+}
+KeyBuilder operator*(const KeyBuilder& a, const KeyBuilder& b) {
+  return arithmetic(a, Expression::Operation::multiply, b);
+}
+KeyBuilder operator*(const KeyBuilder& key, Value number) {
+  return key * constantOf(std::move(number));
+}
+KeyBuilder operator*(Value number, const KeyBuilder& key) {
+  return constantOf(std::move(number)) * key;
+}
+KeyBuilder operator/(const KeyBuilder& a, const KeyBuilder& b) {
+  return arithmetic(a, Expression::Operation::divide, b);
+}
+KeyBuilder operator/(const KeyBuilder& key, Value number) {
+  return key / constantOf(std::move(number));
+}
+KeyBuilder operator/(Value number, const KeyBuilder& key) {
+  return constantOf(std::move(number)) / key;
+}
+
+KeyBuilder operator-(const KeyBuilder& key) {
+  return KeyBuilder(Expression::negated(key.expression()));
+}
+
+KeyBuilder power(const KeyBuilder& key, Value exponent) {
+  return arithmetic(key, Expression::Operation::power, constantOf(std::move(exponent)));
 }
 
 Condition operator&&(const Condition& a, const Condition& b) {

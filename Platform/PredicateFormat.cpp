@@ -14,6 +14,7 @@
 #include <cmath>
 
 #include "Platform/PredicateLexer.h"
+#include "Platform/PredicateNesting.h"
 
 namespace qx {
 
@@ -95,14 +96,82 @@ void appendConstant(std::string& out, const Value& value) {
   }
 }
 
-void appendKeyPath(std::string& out, const std::vector<std::string>& components) {
+void appendComponents(std::string& out, const std::vector<std::string>& components) {
   const char* separator = "";
   for (const std::string& component : components) {
     out += separator;
-    if (!detail::reservedPredicateWord(component).empty()) out += '#';
+    if (detail::isReservedPredicateWord(component)) out += '#';
     out += component;
     separator = ".";
   }
+}
+
+std::string_view spelling(Expression::Operation operation) {
+  switch (operation) {
+    case Expression::Operation::add:
+      return " + ";
+    case Expression::Operation::subtract:
+      return " - ";
+    case Expression::Operation::multiply:
+      return " * ";
+    case Expression::Operation::divide:
+      return " / ";
+    case Expression::Operation::power:
+      return " ** ";
+    case Expression::Operation::negate:
+      return "-";
+  }
+  return {};
+}
+
+void appendExpression(std::string& out, const Expression& expression);
+void appendPredicate(std::string& out, const Predicate& root);
+
+void appendMember(std::string& out, const Expression& expression, std::size_t member) {
+  const bool parenthesised = detail::isParenthesised(expression, member);
+  if (parenthesised) out += '(';
+  appendExpression(out, *expression.members()[member]);
+  if (parenthesised) out += ')';
+}
+
+void appendArithmetic(std::string& out, const Expression& expression) {
+  if (expression.operation() == Expression::Operation::negate) {
+    out += spelling(expression.operation());
+    return appendMember(out, expression, 0);
+  }
+  appendMember(out, expression, 0);
+  out += spelling(expression.operation());
+  appendMember(out, expression, 1);
+}
+
+void appendElement(std::string& out, const Expression& expression) {
+  appendMember(out, expression, 0);
+  switch (expression.element()) {
+    case Expression::Element::at:
+      out += '[';
+      appendMember(out, expression, 1);
+      out += ']';
+      return;
+    case Expression::Element::first:
+      out += "[FIRST]";
+      return;
+    case Expression::Element::last:
+      out += "[LAST]";
+      return;
+    case Expression::Element::size:
+      out += "[SIZE]";
+      return;
+  }
+}
+
+void appendSubquery(std::string& out, const Expression& expression) {
+  out += "SUBQUERY(";
+  appendExpression(out, *expression.base());
+  out += ", $";
+  out += expression.name();
+  out += ", ";
+  appendPredicate(out, *expression.predicate());
+  out += ')';
 }
 
 void appendExpression(std::string& out, const Expression& expression) {
@@ -110,7 +179,7 @@ void appendExpression(std::string& out, const Expression& expression) {
     case Expression::Kind::constant:
       return appendConstant(out, expression.value());
     case Expression::Kind::keyPath:
-      return appendKeyPath(out, expression.components());
+      return appendComponents(out, expression.components());
     case Expression::Kind::self:
       out += "SELF";
       return;
@@ -118,8 +187,20 @@ void appendExpression(std::string& out, const Expression& expression) {
       return appendList(out, expression.members(), [](std::string& text, const ExpressionPtr& member) {
         appendExpression(text, *member);
       });
-    default:
+    case Expression::Kind::variable:
+      out += '$';
+      out += expression.name();
       return;
+    case Expression::Kind::arithmetic:
+      return appendArithmetic(out, expression);
+    case Expression::Kind::element:
+      return appendElement(out, expression);
+    case Expression::Kind::path:
+      appendMember(out, expression, 0);
+      out += '.';
+      return appendComponents(out, expression.components());
+    case Expression::Kind::subquery:
+      return appendSubquery(out, expression);
   }
 }
 
@@ -137,19 +218,41 @@ std::string_view spelling(Predicate::Operator op) {
       return ">";
     case Predicate::Operator::greaterOrEqual:
       return ">=";
+    case Predicate::Operator::between:
+      return "BETWEEN";
     case Predicate::Operator::in:
       return "IN";
-    default:
-      break;
+    case Predicate::Operator::contains:
+      return "CONTAINS";
+    case Predicate::Operator::beginsWith:
+      return "BEGINSWITH";
+    case Predicate::Operator::endsWith:
+      return "ENDSWITH";
+    case Predicate::Operator::like:
+      return "LIKE";
+    case Predicate::Operator::matches:
+      return "MATCHES";
   }
   return {};
 }
 
+void appendOptions(std::string& out, Predicate::Options options) {
+  if (!options.any()) return;
+  out += '[';
+  if (options.caseInsensitive) out += 'c';
+  if (options.diacriticInsensitive) out += 'd';
+  if (options.normalized) out += 'n';
+  out += ']';
+}
+
 void appendLeaf(std::string& out, const Predicate& predicate) {
   if (predicate.kind() == Predicate::Kind::comparison) {
+    if (predicate.modifier() == Predicate::Modifier::any) out += "ANY ";
+    if (predicate.modifier() == Predicate::Modifier::all) out += "ALL ";
     appendExpression(out, *predicate.left());
     out += ' ';
     out += spelling(predicate.comparisonOperator());
+    appendOptions(out, predicate.options());
     out += ' ';
     appendExpression(out, *predicate.right());
     return;
@@ -186,6 +289,26 @@ void appendBeforeMember(std::string& out, const Frame& frame) {
   if (frame.predicate->kind() == Predicate::Kind::negation) out += "NOT ";
 }
 
+void appendPredicate(std::string& out, const Predicate& root) {
+  std::vector<Frame> open;
+  const auto print = [&](const Predicate& predicate) {
+    const Predicate& shown = withoutEmptyShells(predicate);
+    if (shown.members().empty()) return appendLeaf(out, shown);
+    open.push_back({&shown, !open.empty()});
+  };
+  print(root);
+  while (!open.empty()) {
+    Frame& frame = open.back();
+    if (frame.nextMember < frame.predicate->members().size()) {
+      appendBeforeMember(out, frame);
+      print(*frame.predicate->members()[frame.nextMember++]);
+      continue;
+    }
+    if (frame.parenthesised) out += ')';
+    open.pop_back();
+  }
+}
+
 }  // namespace
 
 std::string Expression::format() const {
@@ -196,23 +319,7 @@ std::string Expression::format() const {
 
 std::string Predicate::predicateFormat() const {
   std::string text;
-  std::vector<Frame> open;
-  const auto print = [&](const Predicate& predicate) {
-    const Predicate& shown = withoutEmptyShells(predicate);
-    if (shown.members().empty()) return appendLeaf(text, shown);
-    open.push_back({&shown, !open.empty()});
-  };
-  print(*this);
-  while (!open.empty()) {
-    Frame& frame = open.back();
-    if (frame.nextMember < frame.predicate->members().size()) {
-      appendBeforeMember(text, frame);
-      print(*frame.predicate->members()[frame.nextMember++]);
-      continue;
-    }
-    if (frame.parenthesised) text += ')';
-    open.pop_back();
-  }
+  appendPredicate(text, *this);
   return text;
 }
 

@@ -18,44 +18,78 @@ namespace {
 using Kind = PredicateToken::Kind;
 using Argument = PredicateToken::Argument;
 
-constexpr std::array<std::string_view, 33> kReservedWords = {"AND",
-                                                             "OR",
-                                                             "IN",
-                                                             "NOT",
-                                                             "ALL",
-                                                             "ANY",
-                                                             "SOME",
-                                                             "NONE",
-                                                             "LIKE",
-                                                             "MATCHES",
-                                                             "CONTAINS",
-                                                             "BETWEEN",
-                                                             "NULL",
-                                                             "NIL",
-                                                             "SELF",
-                                                             "TRUE",
-                                                             "YES",
-                                                             "FALSE",
-                                                             "NO",
-                                                             "FIRST",
-                                                             "LAST",
-                                                             "SIZE",
-                                                             "CAST",
-                                                             "CI",
-                                                             "ANYKEY",
-                                                             "SUBQUERY",
-                                                             "ENDSWITH",
-                                                             "BEGINSWITH",
-                                                             "UTI-EQUALS",
-                                                             "UTI-CONFORMS-TO",
-                                                             "TRUEPREDICATE",
-                                                             "FALSEPREDICATE",
-                                                             "CASEINSENSITIVE"};
+using Word = PredicateWord;
+
+struct Spelling {
+  std::string_view text;
+  Word word;
+};
+
+constexpr std::array<Spelling, 33> kReservedWords = {{
+    {"AND", Word::conjunction},
+    {"OR", Word::disjunction},
+    {"NOT", Word::negation},
+    {"ANY", Word::any},
+    {"SOME", Word::any},
+    {"ALL", Word::all},
+    {"NONE", Word::none},
+    {"IN", Word::in},
+    {"BETWEEN", Word::between},
+    {"CONTAINS", Word::contains},
+    {"BEGINSWITH", Word::beginsWith},
+    {"ENDSWITH", Word::endsWith},
+    {"LIKE", Word::like},
+    {"MATCHES", Word::matches},
+    {"TRUE", Word::yes},
+    {"YES", Word::yes},
+    {"FALSE", Word::no},
+    {"NO", Word::no},
+    {"NIL", Word::nil},
+    {"NULL", Word::nil},
+    {"SELF", Word::self},
+    {"FIRST", Word::first},
+    {"LAST", Word::last},
+    {"SIZE", Word::size},
+    {"CAST", Word::cast},
+    {"SUBQUERY", Word::subquery},
+    {"TRUEPREDICATE", Word::truePredicate},
+    {"FALSEPREDICATE", Word::falsePredicate},
+    {"ANYKEY", Word::unsupported},
+    {"UTI-EQUALS", Word::unsupported},
+    {"UTI-CONFORMS-TO", Word::unsupported},
+    {"CI", Word::other},
+    {"CASEINSENSITIVE", Word::other},
+}};
 
 // Longer before shorter, so that the first that fits is the longest.
-constexpr std::array<std::string_view, 27> kSymbols = {"==", "!=", "<>", "<=", "=<", ">=", "=>", "&&", "||",
-                                                       "**", "=",  "<",  ">",  "!",  "(",  ")",  "{",  "}",
-                                                       "[",  "]",  ",",  ".",  "+",  "-",  "*",  "/",  ""};
+constexpr std::array<Spelling, 26> kSymbols = {{
+    {"==", Word::equal},
+    {"!=", Word::notEqual},
+    {"<>", Word::notEqual},
+    {"<=", Word::lessOrEqual},
+    {"=<", Word::lessOrEqual},
+    {">=", Word::greaterOrEqual},
+    {"=>", Word::greaterOrEqual},
+    {"&&", Word::conjunction},
+    {"||", Word::disjunction},
+    {"**", Word::raisedTo},
+    {"=", Word::equal},
+    {"<", Word::less},
+    {">", Word::greater},
+    {"!", Word::negation},
+    {"(", Word::openParenthesis},
+    {")", Word::closeParenthesis},
+    {"{", Word::openBrace},
+    {"}", Word::closeBrace},
+    {"[", Word::openBracket},
+    {"]", Word::closeBracket},
+    {",", Word::comma},
+    {".", Word::dot},
+    {"+", Word::plus},
+    {"-", Word::minus},
+    {"*", Word::times},
+    {"/", Word::dividedBy},
+}};
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -82,6 +116,25 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view upperCasePre
   if (text.size() < upperCasePrefix.size()) return false;
   return std::equal(upperCasePrefix.begin(), upperCasePrefix.end(), text.begin(),
                     [](char expected, char actual) { return expected == upper(actual); });
+}
+
+/// Null when `word` is not reserved.
+const Spelling* findReserved(std::string_view word) {
+  const auto* const found =
+      std::find_if(kReservedWords.begin(), kReservedWords.end(), [word](const Spelling& each) {
+        return each.text.size() == word.size() && startsWithIgnoringCase(word, each.text);
+      });
+  return found == kReservedWords.end() ? nullptr : found;
+}
+
+/// The reserved word that `text`, which goes on with a "-" after its first word, begins with; a "-" after
+/// any other word is a minus.
+const Spelling* findHyphenated(std::string_view text) {
+  for (const Spelling& each : kReservedWords) {
+    const bool hyphenated = each.text.find('-') != std::string_view::npos;
+    if (hyphenated && startsWithIgnoringCase(text, each.text)) return &each;
+  }
+  return findReserved(text.substr(0, text.find('-')));
 }
 
 int digitValue(char c) {
@@ -132,32 +185,34 @@ std::optional<Argument> conversion(char c, bool hasLength) {
 
 }  // namespace
 
-std::string_view reservedPredicateWord(std::string_view word) {
-  const auto* const found =
-      std::find_if(kReservedWords.begin(), kReservedWords.end(), [&](std::string_view each) {
-        return each.size() == word.size() && startsWithIgnoringCase(word, each);
-      });
-  return found == kReservedWords.end() ? std::string_view() : *found;
+bool isReservedPredicateWord(std::string_view word) {
+  return findReserved(word) != nullptr;
+}
+
+bool isPredicateSelf(std::string_view word) {
+  const Spelling* const reserved = findReserved(word);
+  return reserved != nullptr && reserved->word == Word::self;
 }
 
 char PredicateLexer::peek(std::size_t ahead) const {
   return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0';
 }
 
-PredicateToken PredicateLexer::token(Kind kind, std::string_view text) const {
+PredicateToken PredicateLexer::token(Kind kind, std::string_view text, Word word) const {
   PredicateToken token;
   token.kind = kind;
+  token.word = word;
   token.position = start_;
   token.text = text;
   return token;
 }
 
-PredicateToken PredicateLexer::invalid(std::size_t position, std::string problem) {
+PredicateToken PredicateLexer::invalid(std::size_t position, const char* problem) {
   position_ = text_.size();
   PredicateToken token;
   token.kind = Kind::invalid;
   token.position = position;
-  token.problem = std::move(problem);
+  token.problem = problem;
   return token;
 }
 
@@ -196,19 +251,20 @@ std::string_view PredicateLexer::scanIdentifier() {
 PredicateToken PredicateLexer::word() {
   const std::string_view name = scanIdentifier();
   if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
-  for (const std::string_view hyphenated : {"UTI-EQUALS", "UTI-CONFORMS-TO"}) {
-    if (!startsWithIgnoringCase(text_.substr(start_), hyphenated)) continue;
-    position_ = start_ + hyphenated.size();
-    return token(Kind::keyword, hyphenated);
-  }
-  const std::string_view reserved = reservedPredicateWord(name);
-  return reserved.empty() ? token(Kind::identifier, name) : token(Kind::keyword, reserved);
+  const Spelling* const reserved = peek() == '-' ? findHyphenated(text_.substr(start_)) : findReserved(name);
+  if (reserved == nullptr) return token(Kind::identifier, name);
+  position_ = start_ + reserved->text.size();
+  return token(Kind::keyword, reserved->text, reserved->word);
 }
 
 PredicateToken PredicateLexer::prefixedWord(Kind kind, bool keepPrefix) {
   const char prefix = peek();
   ++position_;
-  if (!isIdentifierStart(peek())) return invalid(start_, std::string("\"") + prefix + "\" without a name");
+  if (!isIdentifierStart(peek())) {
+    return invalid(start_, prefix == '#'   ? "\"#\" without a name"
+                           : prefix == '@' ? "\"@\" without a name"
+                                           : "\"$\" without a name");
+  }
   const std::string_view name = scanIdentifier();
   if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
   return token(kind, keepPrefix ? text_.substr(start_, position_ - start_) : name);
@@ -349,12 +405,14 @@ PredicateToken PredicateLexer::argument() {
 }
 
 PredicateToken PredicateLexer::symbol() {
-  const std::string_view rest = text_.substr(position_);
-  const auto* const found = std::find_if(kSymbols.begin(), kSymbols.end(),
-                                         [&](std::string_view each) { return rest.starts_with(each); });
-  if (found->empty()) return invalid(start_, "a character that has no meaning here");
-  position_ += found->size();
-  return token(Kind::symbol, *found);
+  const char first = peek();
+  const char second = peek(1);
+  const auto* const found = std::find_if(kSymbols.begin(), kSymbols.end(), [&](const Spelling& each) {
+    return each.text[0] == first && (each.text.size() == 1 || each.text[1] == second);
+  });
+  if (found == kSymbols.end()) return invalid(start_, "a character that has no meaning here");
+  position_ += found->text.size();
+  return token(Kind::symbol, found->text, found->word);
 }
 
 }  // namespace qx::detail

@@ -1,62 +1,74 @@
-// Recursive descent over the predicate-format language, lowest binding first: OR, AND, NOT, comparison.
-//
-// A "(" opens a predicate or an expression, and which of them shows only later. So every level yields an
-// operand that is either, and whoever needs one kind asks for it; nothing is ever parsed twice. Arguments
-// become constants and keys of the tree and never pass through text.
+// Predicates: connectives, comparisons and what may stand on their right, and the errors of the parser.
 
-#include <QXEventStoring/Platform/Predicate.h>
+#include "Platform/PredicateParser.h"
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <cstdint>
-#include <limits>
-#include <optional>
 #include <utility>
 
-#include "Platform/PredicateArguments.h"
-#include "Platform/PredicateLexer.h"
+#include "Platform/PredicateNesting.h"
 
 namespace qx {
 
+namespace detail {
+
 namespace {
 
-using detail::PredicateArguments;
-using detail::PredicateLexer;
-using detail::PredicateToken;
 using TokenKind = PredicateToken::Kind;
+using Word = PredicateWord;
 
-constexpr int kNestingLimit = 200;
 constexpr std::int64_t kUnreadableFormat = 2048;  // the platform's "formatting error"
 
-struct OperatorSpelling {
-  std::string_view text;
-  Predicate::Operator op;
-};
+std::optional<Predicate::Operator> comparisonOperator(Word word) {
+  using Operator = Predicate::Operator;
+  switch (word) {
+    case Word::equal:
+      return Operator::equal;
+    case Word::notEqual:
+      return Operator::notEqual;
+    case Word::less:
+      return Operator::less;
+    case Word::lessOrEqual:
+      return Operator::lessOrEqual;
+    case Word::greater:
+      return Operator::greater;
+    case Word::greaterOrEqual:
+      return Operator::greaterOrEqual;
+    case Word::between:
+      return Operator::between;
+    case Word::in:
+      return Operator::in;
+    case Word::contains:
+      return Operator::contains;
+    case Word::beginsWith:
+      return Operator::beginsWith;
+    case Word::endsWith:
+      return Operator::endsWith;
+    case Word::like:
+      return Operator::like;
+    case Word::matches:
+      return Operator::matches;
+    default:
+      return std::nullopt;
+  }
+}
 
-constexpr std::array<OperatorSpelling, 11> kOperators = {{
-    {"==", Predicate::Operator::equal},
-    {"=", Predicate::Operator::equal},
-    {"!=", Predicate::Operator::notEqual},
-    {"<>", Predicate::Operator::notEqual},
-    {"<", Predicate::Operator::less},
-    {"<=", Predicate::Operator::lessOrEqual},
-    {"=<", Predicate::Operator::lessOrEqual},
-    {">", Predicate::Operator::greater},
-    {">=", Predicate::Operator::greaterOrEqual},
-    {"=>", Predicate::Operator::greaterOrEqual},
-    {"IN", Predicate::Operator::in},
-}};
-
-/// Words of the language that this implementation does not take.
-constexpr std::array<std::string_view, 20> kUnsupported = {
-    "BETWEEN",  "CONTAINS", "BEGINSWITH",      "ENDSWITH",   "LIKE", "MATCHES", "ANY", "SOME", "ALL", "NONE",
-    "SUBQUERY", "ANYKEY",   "UTI-CONFORMS-TO", "UTI-EQUALS", "[",    "+",       "-",   "*",    "/",   "**"};
-
-bool isUnsupported(const PredicateToken& token) {
-  if (token.kind == TokenKind::variable || token.kind == TokenKind::pathOperator) return true;
-  if (token.kind != TokenKind::keyword && token.kind != TokenKind::symbol) return false;
-  return std::find(kUnsupported.begin(), kUnsupported.end(), token.text) != kUnsupported.end();
+/// Why `right` cannot stand on the right of `op`; empty when it can. What it is only shows at evaluation
+/// unless it is a constant or a list.
+std::string misfit(Predicate::Operator op, const Expression& right) {
+  const bool constant = right.kind() == Expression::Kind::constant;
+  const Array* const list = constant ? right.value().asArray() : nullptr;
+  if (op == Predicate::Operator::between) {
+    const bool aggregate = right.kind() == Expression::Kind::aggregate;
+    const std::size_t size = aggregate ? right.members().size() : list != nullptr ? list->size() : 0;
+    if ((constant || aggregate) && size != 2) return "BETWEEN needs a list of two on its right";
+  }
+  if (op == Predicate::Operator::in && constant) {
+    const Value::Kind kind = right.value().kind();
+    const bool searchable = kind == Value::Kind::dictionary || kind == Value::Kind::string;
+    if (list == nullptr && !searchable) return "IN needs a list, a string or a key on its right";
+  }
+  return {};
 }
 
 bool isContinuationByte(char c) {
@@ -90,132 +102,23 @@ std::string excerpt(std::string_view text, std::size_t position, std::size_t rea
   return out;
 }
 
-Value negated(const Value& number) {
-  if (const std::int64_t* const integer = number.asInteger()) return Value(-*integer);
-  constexpr std::uint64_t kLowestMagnitude = std::uint64_t{1} << 63;
-  const std::uint64_t* const magnitude = number.asUnsigned();
-  if (magnitude != nullptr && *magnitude == kLowestMagnitude) {
-    return Value(std::numeric_limits<std::int64_t>::min());
-  }
-  return Value(-number.doubleValue());
-}
+}  // namespace
 
-/// Whether the printed text, where each compound member has its parentheses, keeps to the nesting limit,
-/// so that what is accepted can be read back.
-bool printsWithinLimit(const Predicate& root) {
-  std::vector<std::pair<const Predicate*, int>> pending = {{&root, 0}};
-  while (!pending.empty()) {
-    const auto [predicate, level] = pending.back();
-    pending.pop_back();
-    if (level > kNestingLimit) return false;
-    const bool negation = predicate->kind() == Predicate::Kind::negation;
-    for (const PredicatePtr& member : predicate->members()) {
-      pending.emplace_back(member.get(), negation || !member->members().empty() ? level + 1 : level);
-    }
-  }
-  return true;
-}
-
-/// Counts a level for as long as it lives.
-class Nesting {
- public:
-  explicit Nesting(int& levels) : levels_(levels) { ++levels_; }
-  ~Nesting() { --levels_; }
-  Nesting(const Nesting&) = delete;
-  Nesting& operator=(const Nesting&) = delete;
-  bool exceeded() const { return levels_ > kNestingLimit; }
-
- private:
-  int& levels_;
-};
-
-/// A predicate or an expression; neither after a failure.
-struct Operand {
-  PredicatePtr predicate;
-  ExpressionPtr expression;
-  std::size_t position = 0;
-
-  explicit operator bool() const { return predicate != nullptr || expression != nullptr; }
-};
-
-class Parser {
- public:
-  Parser(std::string_view text, const std::vector<Value>& arguments)
-      : text_(text), arguments_(arguments), lexer_(text) {
-    advance();
-  }
-
-  PredicatePtr parse();
-  ErrorPtr error() const;
-
- private:
-  using Level = Operand (Parser::*)();
-
-  Operand parseDisjunction() {
-    return parseChain("OR", "||", &Parser::parseConjunction, &Predicate::disjunction);
-  }
-  Operand parseConjunction() {
-    return parseChain("AND", "&&", &Parser::parseNegation, &Predicate::conjunction);
-  }
-  Operand parseChain(std::string_view keyword, std::string_view symbol, Level member,
-                     PredicatePtr (*join)(std::vector<PredicatePtr>));
-  Operand parseNegation();
-  Operand parseComparison();
-  Operand parsePrimary();
-  Operand parseGroup();
-
-  // Null after a failure.
-  ExpressionPtr parseExpression();
-  ExpressionPtr parseRightSide(Predicate::Operator op);
-  ExpressionPtr parseConstant();
-  ExpressionPtr parseNegativeNumber();
-  ExpressionPtr parseAggregate();
-  ExpressionPtr parseCast();
-  ExpressionPtr parseKeyPath();
-  ExpressionPtr parseSelf();
-  ExpressionPtr constant(Value value);
-
-  /// Appends the component, or the path, that the present token stands for.
-  bool takeComponent(std::string& path);
-  std::optional<Value> takeArgument();
-
-  void advance() { token_ = lexer_.next(); }
-  /// Whether the present token is this keyword or symbol; no text is both.
-  bool at(std::string_view word) const { return token_.isKeyword(word) || token_.isSymbol(word); }
-  bool accept(std::string_view word);
-  bool expect(std::string_view symbol);
-  bool needPredicate(const Operand& operand);
-
-  /// Keep the first failure.
-  void fail(std::size_t position, std::string reason);
-  void unexpected(std::string_view expected);
-
-  std::string_view text_;
-  PredicateArguments arguments_;
-  PredicateLexer lexer_;
-  PredicateToken token_;
-  int levels_ = 0;      // of parentheses and NOT
-  int listLevels_ = 0;  // of braces
-  bool failed_ = false;
-  std::size_t failurePosition_ = 0;
-  std::string failureReason_;
-};
-
-PredicatePtr Parser::parse() {
+PredicatePtr PredicateParser::parse() {
   const Operand root = parseDisjunction();
   if (!needPredicate(root)) return nullptr;
   if (token_.kind != TokenKind::end) {
     unexpected("AND, OR or the end");
     return nullptr;
   }
-  if (!printsWithinLimit(*root.predicate)) {
+  if (printedNesting(*root.predicate) > kNestingLimit) {
     fail(0, "the predicate is nested too deeply");
     return nullptr;
   }
   return root.predicate;
 }
 
-ErrorPtr Parser::error() const {
+ErrorPtr PredicateParser::error() const {
   constexpr std::size_t kReach = 80;
   return Error::make(kCocoaErrorDomain, kUnreadableFormat,
                      "The predicate format \"" + excerpt(text_, failurePosition_, kReach) +
@@ -223,18 +126,18 @@ ErrorPtr Parser::error() const {
                          failureReason_ + ".");
 }
 
-void Parser::fail(std::size_t position, std::string reason) {
+void PredicateParser::fail(std::size_t position, std::string reason) {
   if (failed_) return;
   failed_ = true;
   failurePosition_ = position;
   failureReason_ = std::move(reason);
 }
 
-void Parser::unexpected(std::string_view expected) {
+void PredicateParser::unexpected(std::string_view expected) {
   if (token_.kind == TokenKind::invalid) return fail(token_.position, token_.problem);
   constexpr std::size_t kReach = 40;
   const std::string found = '"' + excerpt(token_.text, 0, kReach) + '"';
-  if (isUnsupported(token_)) return fail(token_.position, found + " is not supported");
+  if (at(Word::unsupported)) return fail(token_.position, found + " is not supported");
   const std::string wanted = "expected " + std::string(expected);
   if (token_.kind == TokenKind::end) return fail(token_.position, wanted + ", but the text ends");
   const bool reserved = token_.kind == TokenKind::keyword;
@@ -242,34 +145,38 @@ void Parser::unexpected(std::string_view expected) {
                             (reserved ? " (a key of that name is written with a # before it)" : ""));
 }
 
-bool Parser::accept(std::string_view word) {
+bool PredicateParser::accept(Word word) {
   if (!at(word)) return false;
   advance();
   return true;
 }
 
-bool Parser::expect(std::string_view symbol) {
-  if (!at(symbol)) {
-    unexpected('"' + std::string(symbol) + '"');
-    return false;
-  }
-  advance();
-  return true;
+bool PredicateParser::expect(Word word, std::string_view spelling) {
+  if (accept(word)) return true;
+  unexpected('"' + std::string(spelling) + '"');
+  return false;
 }
 
-bool Parser::needPredicate(const Operand& operand) {
+bool PredicateParser::needPredicate(const Operand& operand) {
   if (operand.predicate != nullptr) return true;
   if (operand.expression != nullptr) unexpected("a comparison operator");
   return false;
 }
 
-Operand Parser::parseChain(std::string_view keyword, std::string_view symbol, Level member,
-                           PredicatePtr (*join)(std::vector<PredicatePtr>)) {
+bool PredicateParser::withinLimit(const Nesting& nesting, std::size_t position) {
+  if (!nesting.exceeded()) return true;
+  fail(position, "nested too deeply");
+  return false;
+}
+
+PredicateParser::Operand PredicateParser::parseChain(Word word, Level member,
+                                                     PredicatePtr (*join)(std::vector<PredicatePtr>)) {
   Operand first = (this->*member)();
-  if (!first || (!at(keyword) && !at(symbol))) return first;
+  if (!first || !at(word)) return first;
   if (!needPredicate(first)) return {};
-  std::vector<PredicatePtr> members = {std::move(first.predicate)};
-  while (accept(keyword) || accept(symbol)) {
+  std::vector<PredicatePtr> members;
+  members.push_back(std::move(first.predicate));
+  while (accept(word)) {
     Operand next = (this->*member)();
     if (!needPredicate(next)) return {};
     members.push_back(std::move(next.predicate));
@@ -277,203 +184,92 @@ Operand Parser::parseChain(std::string_view keyword, std::string_view symbol, Le
   return {join(std::move(members)), nullptr, first.position};
 }
 
-Operand Parser::parseNegation() {
+PredicateParser::Operand PredicateParser::parseNegation() {
   const std::size_t position = token_.position;
-  if (!accept("NOT") && !accept("!")) return parseComparison();
+  if (!accept(Word::negation)) return parseComparison();
   int parenthesisCounts = 0;  // NOT and the parentheses round its member are one level
-  const Nesting nesting(at("(") ? parenthesisCounts : levels_);
-  if (nesting.exceeded()) {
-    fail(position, "nested too deeply");
-    return {};
-  }
+  const Nesting nesting(at(Word::openParenthesis) ? parenthesisCounts : levels_);
+  if (!withinLimit(nesting, position)) return {};
   Operand member = parseNegation();
   if (!needPredicate(member)) return {};
   return {Predicate::negation(std::move(member.predicate)), nullptr, position};
 }
 
-Operand Parser::parseComparison() {
-  Operand left = parsePrimary();
+PredicateParser::Operand PredicateParser::parseComparison() {
+  if (at(Word::any) || at(Word::all) || at(Word::none)) return parseModified();
+  Operand left = parseArithmetic();
   if (left.expression == nullptr) return left;
-  if (isUnsupported(token_)) {
+  return parseComparisonOf(std::move(left), Predicate::Modifier::direct);
+}
+
+PredicateParser::Operand PredicateParser::parseModified() {
+  const std::size_t position = token_.position;
+  const bool none = at(Word::none);
+  const auto modifier = at(Word::all) ? Predicate::Modifier::all : Predicate::Modifier::any;
+  advance();
+  Operand left = {nullptr, parseExpression(), position};
+  if (!left) return {};
+  Operand comparison = parseComparisonOf(std::move(left), modifier);
+  if (!needPredicate(comparison)) return {};
+  if (none) comparison.predicate = Predicate::negation(std::move(comparison.predicate));
+  return comparison;
+}
+
+PredicateParser::Operand PredicateParser::parseComparisonOf(Operand left, Predicate::Modifier modifier) {
+  if (at(Word::unsupported)) {
     unexpected("a comparison operator");
     return {};
   }
-  const auto* const spelling = std::find_if(kOperators.begin(), kOperators.end(),
-                                            [this](const OperatorSpelling& each) { return at(each.text); });
-  if (spelling == kOperators.end()) return left;
+  const std::optional<Predicate::Operator> op = comparisonOperator(token_.word);
+  if (!op) return left;
   advance();
-  ExpressionPtr right = parseRightSide(spelling->op);
+  const std::optional<Predicate::Options> options = parseOptions();
+  if (!options) return {};
+  ExpressionPtr right = parseRightSide(*op);
   if (right == nullptr) return {};
-  return {Predicate::comparison(std::move(left.expression), spelling->op, std::move(right)), nullptr,
-          left.position};
+  return {Predicate::comparison(std::move(left.expression), *op, std::move(right), *options, modifier),
+          nullptr, left.position};
 }
 
-ExpressionPtr Parser::parseRightSide(Predicate::Operator op) {
-  const std::size_t position = token_.position;
-  ExpressionPtr right = parseExpression();
-  if (right == nullptr || op != Predicate::Operator::in) return right;
-  if (right->kind() != Expression::Kind::constant) return right;
-  const Value::Kind kind = right->value().kind();
-  if (kind == Value::Kind::array || kind == Value::Kind::dictionary) return right;
-  fail(position, "IN needs a list or a key on its right");
-  return nullptr;
-}
-
-ExpressionPtr Parser::parseExpression() {
-  const Operand operand = parsePrimary();
-  if (operand.predicate != nullptr) fail(operand.position, "expected a key or a value, found a predicate");
-  return operand.expression;
-}
-
-Operand Parser::parsePrimary() {
-  const std::size_t position = token_.position;
-  if (accept("TRUEPREDICATE")) return {Predicate::constant(true), nullptr, position};
-  if (accept("FALSEPREDICATE")) return {Predicate::constant(false), nullptr, position};
-  if (at("(")) return parseGroup();
-  if (at("{")) return {nullptr, parseAggregate(), position};
-  if (at("CAST")) return {nullptr, parseCast(), position};
-  if (at("SELF")) return {nullptr, parseSelf(), position};
-  const bool key = token_.kind == TokenKind::argument && token_.argument == PredicateToken::Argument::key;
-  if (key || token_.kind == TokenKind::identifier) return {nullptr, parseKeyPath(), position};
-  return {nullptr, parseConstant(), position};
-}
-
-Operand Parser::parseGroup() {
-  const Nesting nesting(levels_);
-  const std::size_t position = token_.position;
-  if (nesting.exceeded()) {
-    fail(position, "nested too deeply");
-    return {};
-  }
-  advance();
-  Operand inner = parseDisjunction();
-  if (!inner || !expect(")")) return {};
-  inner.position = position;
-  return inner;
-}
-
-ExpressionPtr Parser::constant(Value value) {
-  advance();
-  return Expression::constant(std::move(value));
-}
-
-ExpressionPtr Parser::parseConstant() {
-  if (token_.kind == TokenKind::string || token_.kind == TokenKind::number) return constant(token_.value);
-  if (at("TRUE") || at("YES")) return constant(Value(true));
-  if (at("FALSE") || at("NO")) return constant(Value(false));
-  if (at("NIL") || at("NULL")) return constant(Value());
-  if (at("-")) return parseNegativeNumber();
-  if (token_.kind != TokenKind::argument) {
-    unexpected("a key or a value");
-    return nullptr;
-  }
-  std::optional<Value> argument = takeArgument();
-  return argument ? Expression::constant(std::move(*argument)) : nullptr;
-}
-
-ExpressionPtr Parser::parseNegativeNumber() {
-  advance();
-  if (token_.kind == TokenKind::number) return constant(negated(token_.value));
-  unexpected("a number after \"-\"");
-  return nullptr;
-}
-
-ExpressionPtr Parser::parseAggregate() {
-  const Nesting nesting(listLevels_);
-  if (nesting.exceeded()) {
-    fail(token_.position, "nested too deeply");
-    return nullptr;
-  }
-  advance();
-  std::vector<ExpressionPtr> members;
-  if (accept("}")) return Expression::aggregate({});
-  do {
-    ExpressionPtr member = parseExpression();
-    if (member == nullptr) return nullptr;
-    members.push_back(std::move(member));
-  } while (accept(","));
-  if (!expect("}")) return nullptr;
-  return Expression::aggregate(std::move(members));
-}
-
-ExpressionPtr Parser::parseCast() {
-  advance();
-  if (!expect("(")) return nullptr;
-  const std::size_t numberPosition = token_.position;
-  const ExpressionPtr number = parseConstant();
-  if (number == nullptr) return nullptr;
-  if (!number->value().isNumber()) {
-    fail(numberPosition, "CAST needs a number of seconds");
-    return nullptr;
-  }
-  const double seconds = number->value().doubleValue();
-  if (!std::isfinite(seconds)) {
-    fail(numberPosition, "a date without a moment");
-    return nullptr;
-  }
-  if (!expect(",")) return nullptr;
-  const std::size_t typePosition = token_.position;
-  const ExpressionPtr type = parseConstant();
-  if (type == nullptr) return nullptr;
-  if (type->value().stringValue() != "NSDate") {
-    fail(typePosition, "CAST to anything but \"NSDate\" is not supported");
-    return nullptr;
-  }
-  if (!expect(")")) return nullptr;
-  return Expression::constant(Value(Date{seconds}));
-}
-
-ExpressionPtr Parser::parseSelf() {
-  advance();
-  return accept(".") ? parseKeyPath() : Expression::self();
-}
-
-bool Parser::takeComponent(std::string& path) {
-  if (token_.kind == TokenKind::identifier) {
-    path += token_.text;
-    advance();
-    return true;
-  }
-  if (token_.kind != TokenKind::argument || token_.argument != PredicateToken::Argument::key) {
-    unexpected("a key");
-    return false;
-  }
-  const std::optional<Value> argument = takeArgument();
-  if (argument) path += *argument->asString();
-  return argument.has_value();
-}
-
-ExpressionPtr Parser::parseKeyPath() {
-  const bool argument = token_.kind == TokenKind::argument;
-  std::string path;
-  if (!takeComponent(path)) return nullptr;
-  while (accept(".")) {
-    path += '.';
-    if (!takeComponent(path)) return nullptr;
-  }
-  const std::size_t dot = path.find('.');
-  const bool fromSelf = argument && detail::reservedPredicateWord(path.substr(0, dot)) == "SELF";
-  if (!fromSelf) return Expression::keyPath(path);
-  if (dot == std::string::npos) return Expression::self();
-  return Expression::keyPath(std::string_view(path).substr(dot + 1));
-}
-
-std::optional<Value> Parser::takeArgument() {
-  std::string problem;
-  std::optional<Value> value = arguments_.take(token_, kNestingLimit - listLevels_, &problem);
-  if (!value) {
-    fail(token_.position, std::move(problem));
+std::optional<Predicate::Options> PredicateParser::parseOptions() {
+  Predicate::Options options;
+  if (!accept(Word::openBracket)) return options;
+  constexpr std::string_view kLetters = "the letters c, d and n";
+  if (token_.kind != TokenKind::identifier) {
+    unexpected(kLetters);
     return std::nullopt;
   }
+  for (const char letter : token_.text) {
+    bool* const option = letter == 'c' || letter == 'C'   ? &options.caseInsensitive
+                         : letter == 'd' || letter == 'D' ? &options.diacriticInsensitive
+                         : letter == 'n' || letter == 'N' ? &options.normalized
+                                                          : nullptr;
+    if (option == nullptr) {
+      unexpected(kLetters);
+      return std::nullopt;
+    }
+    *option = true;
+  }
   advance();
-  return value;
+  if (!expect(Word::closeBracket, "]")) return std::nullopt;
+  return options;
 }
 
-}  // namespace
+ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
+  const std::size_t position = token_.position;
+  ExpressionPtr right = parseExpression();
+  if (right == nullptr) return nullptr;
+  std::string reason = misfit(op, *right);
+  if (reason.empty()) return right;
+  fail(position, std::move(reason));
+  return nullptr;
+}
+
+}  // namespace detail
 
 PredicatePtr Predicate::withFormat(std::string_view format, const std::vector<Value>& arguments,
                                    ErrorPtr* error) {
-  Parser parser(format, arguments);
+  detail::PredicateParser parser(format, arguments);
   PredicatePtr predicate = parser.parse();
   setError(error, predicate != nullptr ? nullptr : parser.error());
   return predicate;

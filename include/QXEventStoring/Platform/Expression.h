@@ -63,7 +63,8 @@ class QX_EXPORT Expression {
   static ExpressionPtr element(ExpressionPtr collection, ExpressionPtr index);
   /// collection[FIRST], [LAST] or [SIZE]; `which` is not Element::at.
   static ExpressionPtr element(ExpressionPtr collection, Element which);
-  /// `path` is split at its dots.
+  /// `path` is split at its dots. It continues a key path or another path, and a path of SELF is a key path
+  /// unless it begins with an operator such as @count.
   static ExpressionPtr path(ExpressionPtr base, std::string_view path);
   /// `variable` without its $.
   static ExpressionPtr subquery(ExpressionPtr collection, std::string variable, PredicatePtr predicate);

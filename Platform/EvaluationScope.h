@@ -21,7 +21,7 @@ class EvaluationBudget {
   bool isSpent() const { return left_ == 0; }
 
  private:
-  std::size_t left_ = 5'000'000;
+  std::size_t left_ = 2'000'000;
 };
 
 /// What an expression is evaluated on: the subject, and the variables of the subqueries around it.

@@ -201,7 +201,8 @@ class RegularExpression : public TextPattern {
     const std::unique_ptr<icu::RegexMatcher> matcher(pattern_->matcher(text, status));
     if (U_FAILURE(status)) return false;
     matcher->setTimeLimit(kTimeLimit + text.length() / kCharactersPerTimeUnit, status);
-    matcher->setStackLimit(kStackBytes, status);
+    matcher->setStackLimit(std::min(text.length(), kCharactersOnStack) * kBytesPerCharacter + kStackBytes,
+                           status);
     const bool found = static_cast<bool>(matcher->matches(status));
     return found && U_SUCCESS(status);
   }
@@ -210,7 +211,10 @@ class RegularExpression : public TextPattern {
   // ICU counts the steps of its matcher, not seconds: the answer is the same on every machine.
   static constexpr std::int32_t kTimeLimit = 100;
   static constexpr std::int32_t kCharactersPerTimeUnit = 1000;
+  // Its own stack of places to go back to: enough for one or two of them at each character.
   static constexpr std::int32_t kStackBytes = 8'000'000;
+  static constexpr std::int32_t kBytesPerCharacter = 64;
+  static constexpr std::int32_t kCharactersOnStack = 2'000'000;
 
   /// The expression folds case by itself.
   icu::UnicodeString normalized(std::string_view text) const {

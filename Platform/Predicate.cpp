@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <Platform/TextPattern.h>
+
 namespace qx {
 
 namespace {
@@ -32,6 +34,10 @@ PredicatePtr Predicate::comparison(ExpressionPtr left, Operator op, ExpressionPt
   predicate->left_ = orNil(std::move(left));
   predicate->right_ = orNil(std::move(right));
   predicate->expressionDepth_ = std::max(predicate->left_->depth(), predicate->right_->depth());
+  const bool isConstant = predicate->right_->kind() == Expression::Kind::constant;
+  const std::string* text = isConstant ? predicate->right_->value().asString() : nullptr;
+  if (text != nullptr && op >= Operator::in)
+    predicate->pattern_ = detail::TextPattern::make(op, *text, options);
   return predicate;
 }
 

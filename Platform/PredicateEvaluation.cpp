@@ -5,88 +5,118 @@
 #include <QXEventStoring/Platform/Predicate.h>
 
 #include <algorithm>
-#include <compare>
+#include <utility>
+
+#include <Platform/EvaluationScope.h>
+#include <Platform/TextPattern.h>
 
 namespace qx {
 
+namespace detail {
 namespace {
 
-/// The key under which a subject answers for itself.
-constexpr const char* kSelfKey = "SELF";
+using Operator = Predicate::Operator;
+using Options = Predicate::Options;
 
-/// The value of `expression`; a constant is not copied, anything else is put in `storage`.
-const Value& resolve(const Expression& expression, const PredicateSubject& subject, Value& storage) {
-  if (expression.kind() == Expression::Kind::constant) return expression.value();
-  storage = expression.evaluate(subject);
-  return storage;
+bool foldsBoth(const Value& a, const Value& b, Options options) {
+  return options.any() && a.asString() != nullptr && b.asString() != nullptr;
 }
 
-std::partial_ordering order(const Value& a, const Value& b) {
-  if (a.isNumber() && b.isNumber()) return compareNumbers(a, b);
-  if (a.kind() != b.kind()) return std::partial_ordering::unordered;
-  switch (a.kind()) {
-    case Value::Kind::null:
-      return std::partial_ordering::equivalent;
-    case Value::Kind::string:
-      return a.asString()->compare(*b.asString()) <=> 0;
-    case Value::Kind::date:
-      return *a.asDate() <=> *b.asDate();
-    default:
-      return std::partial_ordering::unordered;
-  }
+bool isEqual(const Value& a, const Value& b, Options options) {
+  if (!foldsBoth(a, b, options) || a == b) return predicateEqual(a, b);
+  return foldedText(*a.asString(), options) == foldedText(*b.asString(), options);
 }
 
-bool isIn(const Value& left, const Value& right) {
-  if (const Array* const members = right.asArray()) {
-    return std::any_of(members->begin(), members->end(),
-                       [&](const Value& member) { return detail::predicateEqual(left, member); });
-  }
-  if (const Dictionary* const entries = right.asDictionary()) {
-    return std::any_of(entries->begin(), entries->end(), [&](const Dictionary::Entry& entry) {
-      return detail::predicateEqual(left, entry.second);
-    });
-  }
-  const std::string* const part = left.asString();
-  const std::string* const whole = right.asString();
-  if (part == nullptr || whole == nullptr || part->empty()) return false;
-  return whole->find(*part) != std::string::npos;
+std::partial_ordering orderOf(const Value& a, const Value& b, Options options) {
+  if (!foldsBoth(a, b, options)) return predicateOrder(a, b);
+  return foldedText(*a.asString(), options).compare(foldedText(*b.asString(), options)) <=> 0;
 }
 
-bool compare(const Value& left, Predicate::Operator op, const Value& right) {
-  switch (op) {
-    case Predicate::Operator::equal:
-      return detail::predicateEqual(left, right);
-    case Predicate::Operator::notEqual:
-      return !detail::predicateEqual(left, right);
-    case Predicate::Operator::less:
-      return std::is_lt(order(left, right));
-    case Predicate::Operator::lessOrEqual:
-      return std::is_lteq(order(left, right));
-    case Predicate::Operator::greater:
-      return std::is_gt(order(left, right));
-    case Predicate::Operator::greaterOrEqual:
-      return std::is_gteq(order(left, right));
-    case Predicate::Operator::in:
-      return isIn(left, right);
-    default:
-      break;
+/// A comparison whose right side has its value, ready for one or many left sides.
+class Comparison {
+ public:
+  Comparison(const Predicate& predicate, const Value& right)
+      : operator_(predicate.comparisonOperator()),
+        options_(predicate.options()),
+        right_(right),
+        pattern_(predicate.pattern()) {
+    if (operator_ >= Operator::in && pattern_ == nullptr && right.asString() != nullptr)
+      pattern_ = TextPattern::make(operator_, *right.asString(), options_);
   }
-  return false;
-}
 
-bool evaluateLeaf(const Predicate& predicate, const PredicateSubject& subject) {
-  switch (predicate.kind()) {
-    case Predicate::Kind::constant:
-      return predicate.constantValue();
-    case Predicate::Kind::comparison: {
-      Value left;
-      Value right;
-      return compare(resolve(*predicate.left(), subject, left), predicate.comparisonOperator(),
-                     resolve(*predicate.right(), subject, right));
+  bool holds(const Value& left) const {
+    switch (operator_) {
+      case Operator::equal:
+        return isEqual(left, right_, options_);
+      case Operator::notEqual:
+        return !isEqual(left, right_, options_);
+      case Operator::less:
+        return std::is_lt(orderOf(left, right_, options_));
+      case Operator::lessOrEqual:
+        return std::is_lteq(orderOf(left, right_, options_));
+      case Operator::greater:
+        return std::is_gt(orderOf(left, right_, options_));
+      case Operator::greaterOrEqual:
+        return std::is_gteq(orderOf(left, right_, options_));
+      case Operator::between:
+        return isBetween(left);
+      case Operator::in:
+        return Members(right_) ? hasMember(right_, left) : matchesPattern(left);
+      case Operator::contains:
+        return Members(left) ? hasMember(left, right_) : matchesPattern(left);
+      default:
+        return matchesPattern(left);
     }
-    default:
-      return predicate.kind() == Predicate::Kind::conjunction;  // of nothing
   }
+
+ private:
+  bool isBetween(const Value& left) const {
+    const Array* bounds = right_.asArray();
+    if (left.isNull() || bounds == nullptr || bounds->size() != 2) return false;
+    return std::is_gteq(orderOf(left, bounds->front(), options_)) &&
+           std::is_lteq(orderOf(left, bounds->back(), options_));
+  }
+
+  bool hasMember(const Value& collection, const Value& member) const {
+    const Members members(collection);
+    for (std::size_t i = 0; i < members.size(); ++i)
+      if (isEqual(members[i], member, options_)) return true;
+    return false;
+  }
+
+  bool matchesPattern(const Value& left) const {
+    return pattern_ != nullptr && left.asString() != nullptr && pattern_->matches(*left.asString());
+  }
+
+  Operator operator_;
+  Options options_;
+  const Value& right_;
+  std::shared_ptr<const TextPattern> pattern_;  // null when the right side is no string
+};
+
+bool compare(const Predicate& predicate, const EvaluationScope& scope) {
+  Value leftStorage;
+  Value rightStorage;
+  const Value& left = resolve(*predicate.left(), scope, leftStorage);
+  const Comparison comparison(predicate, resolve(*predicate.right(), scope, rightStorage));
+  if (predicate.modifier() == Predicate::Modifier::direct) return comparison.holds(left);
+  const Members members(left);
+  if (!members) return false;
+  const bool decisive = predicate.modifier() == Predicate::Modifier::any;
+  for (std::size_t i = 0; i < members.size(); ++i)
+    if (comparison.holds(members[i]) == decisive) return decisive;
+  return !decisive;
+}
+
+bool evaluateLeaf(const Predicate& predicate, const EvaluationScope& scope) {
+  if (predicate.kind() == Predicate::Kind::constant) return predicate.constantValue();
+  if (predicate.kind() != Predicate::Kind::comparison)
+    return predicate.kind() == Predicate::Kind::conjunction;  // of nothing
+  if (scope.budget != nullptr) return scope.budget->take(1) && compare(predicate, scope);
+  EvaluationBudget budget;
+  EvaluationScope limited = scope;
+  limited.budget = &budget;
+  return compare(predicate, limited) && !budget.isSpent();
 }
 
 /// A compound predicate some of whose members are evaluated.
@@ -107,51 +137,29 @@ struct Frame {
 
 }  // namespace
 
-namespace detail {
-
-bool predicateEqual(const Value& a, const Value& b) {
-  if (a.isNumber() && b.isNumber()) return std::is_eq(compareNumbers(a, b));
-  return a.kind() == b.kind() && a == b;
-}
-
-}  // namespace detail
-
-Value Expression::evaluate(const PredicateSubject& subject) const {
-  switch (kind_) {
-    case Kind::constant:
-      return value_;
-    case Kind::keyPath:
-      return subject.valueForKeyPath(components_);
-    case Kind::self:
-      return subject.valueForKeyPath({kSelfKey});
-    default:
-      break;
-  }
-  if (kind_ != Kind::aggregate) return {};
-  Array values;
-  values.reserve(members_.size());
-  for (const ExpressionPtr& member : members_)
-    values.push_back(member->evaluate(subject));
-  return Value(std::move(values));
-}
-
-bool Predicate::evaluate(const PredicateSubject& subject) const {
+bool evaluate(const Predicate& predicate, const EvaluationScope& scope) {
   // Its own stack instead of the thread's: a builder can nest without bound.
   std::vector<Frame> open;
-  const Predicate* current = this;
+  const Predicate* current = &predicate;
   while (true) {
-    if (!current->members_.empty()) {
+    if (!current->members().empty()) {
       open.push_back({current});
-      current = current->members_.front().get();
+      current = current->members().front().get();
       continue;
     }
-    bool result = evaluateLeaf(*current, subject);
+    bool result = evaluateLeaf(*current, scope);
     while (!open.empty() && open.back().settle(result))
       open.pop_back();
     if (open.empty()) return result;
     Frame& frame = open.back();
     current = frame.predicate->members()[frame.nextMember++].get();
   }
+}
+
+}  // namespace detail
+
+bool Predicate::evaluate(const PredicateSubject& subject) const {
+  return detail::evaluate(*this, {subject});
 }
 
 }  // namespace qx

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QXEventStoring/Platform/PredicateBuilder.h>
 #include <gtest/gtest.h>
 
 #include <memory>

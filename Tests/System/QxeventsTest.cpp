@@ -368,24 +368,24 @@ TEST_F(Qxevents, TellsAStoreThatCannotBeUsed) {
 
 /// Every line is another process's.
 TEST_F(Qxevents, HidesWhatAnotherProcessBlocked) {
-  const auto other = std::vector<std::string>{"--class", "com.qx.printer.frontpanelevent.copy"};
+  const std::string empty = "com.qx.printer.state.media.empty";
   const auto jsonOf = [&](std::vector<std::string> command) {
     command.push_back("--json");
     return linesOf(run(command).output);
   };
-  add();
-  add(other);
-  add({"--source", "S2"});
+  const std::vector<std::pair<std::string, std::string>> events{
+      {empty, "S1"}, {"com.qx.printer.frontpanelevent.copy", "S1"}, {empty, "S2"}};
+  for (const auto& [classID, source] : events)
+    ASSERT_EQ(run({"add", "--class", classID, "--source", source, "--source-name", "Printer"}).exitCode, 0);
   struct Case {
     std::vector<std::string> block;
     const char* listed;  // events
     const char* counted;
     std::size_t sources;
   };
-  const std::string mediaEmpty = "com.qx.printer.state.media.empty";
   for (const Case& c : std::vector<Case>{{{"--source", "S1"}, "1", "3", 1},
-                                         {{"--class", mediaEmpty}, "1", "3", 1},
-                                         {{"--class", mediaEmpty, "--source", "S2"}, "2", "2", 1}}) {
+                                         {{"--class", empty}, "1", "3", 1},
+                                         {{"--class", empty, "--source", "S2"}, "2", "2", 1}}) {
     auto command = c.block;
     command.insert(command.begin(), "block");
     EXPECT_EQ(run(command).exitCode, 0);

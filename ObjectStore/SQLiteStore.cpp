@@ -245,13 +245,12 @@ bool SQLiteStore::fail(StoreOperation operation, ErrorPtr* error) {
 
 bool SQLiteStore::fetch(const EntityDescription& entity, const Predicate* predicate,
                         const RowHandler& handler, ErrorPtr* error) {
-  static const std::vector<Value> kNoBindings;
   if (predicate == nullptr)
-    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", kNoBindings, handler, error);
+    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", {}, handler, error);
   const auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
   if (!compiled) return false;
   return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition + " ORDER BY t0.Z_PK",
-                  compiled->bindings, handler, error);
+                  compiled->parameters, handler, error);
 }
 
 bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
@@ -260,12 +259,12 @@ bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, co
 }
 
 bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql,
-                           const std::vector<Value>& bindings, const RowHandler& handler, ErrorPtr* error) {
+                           const std::vector<SQLiteParameter>& parameters, const RowHandler& handler,
+                           ErrorPtr* error) {
   const std::lock_guard lock(mutex_);
   SQLiteStatement statement = connection_->prepare(sql);
   if (!statement) return fail(StoreOperation::read, error);
-  for (std::size_t i = 0; i < bindings.size(); ++i)
-    statement.bind(static_cast<int>(i) + 1, bindings[i]);
+  statement.bind(parameters);
   const FetchedRow row(statement, entity, this->sql(entity).parts);
   int result = statement.step();
   std::int64_t last = std::numeric_limits<std::int64_t>::min();
@@ -301,9 +300,7 @@ std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity,
     fail(StoreOperation::read, error);
     return std::nullopt;
   }
-  if (compiled)
-    for (std::size_t i = 0; i < compiled->bindings.size(); ++i)
-      statement.bind(static_cast<int>(i) + 1, compiled->bindings[i]);
+  if (compiled) statement.bind(compiled->parameters);
   if (statement.step() == SQLITE_ROW) return static_cast<std::uint64_t>(statement.integer(0));
   fail(StoreOperation::read, error);
   return std::nullopt;

@@ -80,8 +80,8 @@ class SQLiteStore : public PersistentStore {
   bool probeTables(ErrorPtr* error);
   bool isQueued();
   void reopenForWriting();
-  bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
-                const RowHandler& handler, ErrorPtr* error);
+  bool runFetch(const EntityDescription& entity, std::string_view sql,
+                const std::vector<SQLiteParameter>& parameters, const RowHandler& handler, ErrorPtr* error);
   bool fail(StoreOperation operation, ErrorPtr* error);
   bool copyRowsFrom(SQLiteStore& source, ErrorPtr* error);
   const EntitySQL& sql(const EntityDescription& entity) const;

@@ -32,16 +32,16 @@ class RowSubject : public PredicateSubject {
   sqlite3_value* const* columns_;
 };
 
-class ComparisonCondition : public RowCondition {
+class Evaluation : public RowCondition {
  public:
-  ComparisonCondition(const Predicate& comparison, std::vector<Key> keys)
-      : comparison_(comparison), keys_(std::move(keys)) {}
+  Evaluation(const Predicate& predicate, std::vector<Key> keys)
+      : predicate_(predicate), keys_(std::move(keys)) {}
   bool holds(sqlite3_value* const* columns) const override {
-    return comparison_.evaluate(RowSubject(keys_, columns));
+    return predicate_.evaluate(RowSubject(keys_, columns));
   }
 
  private:
-  const Predicate& comparison_;
+  const Predicate& predicate_;
   std::vector<Key> keys_;
 };
 
@@ -52,9 +52,9 @@ std::string bytesOf(T value) {
   return bytes;
 }
 
-class MembershipCondition : public RowCondition {
+class Membership : public RowCondition {
  public:
-  MembershipCondition(const Array& list, AttributeType type, Predicate::Options options)
+  Membership(const Array& list, AttributeType type, Predicate::Options options)
       : type_(type), options_(options) {
     members_.reserve(list.size());
     for (const Value& member : list)
@@ -109,14 +109,14 @@ void callCondition(sqlite3_context* context, int count, sqlite3_value** argument
 
 }  // namespace
 
-std::shared_ptr<const RowCondition> RowCondition::comparison(const Predicate& comparison,
+std::shared_ptr<const RowCondition> RowCondition::evaluation(const Predicate& predicate,
                                                              std::vector<Key> keys) {
-  return std::make_shared<ComparisonCondition>(comparison, std::move(keys));
+  return std::make_shared<Evaluation>(predicate, std::move(keys));
 }
 
 std::shared_ptr<const RowCondition> RowCondition::membership(const Array& list, AttributeType type,
                                                              Predicate::Options options) {
-  return std::make_shared<MembershipCondition>(list, type, options);
+  return std::make_shared<Membership>(list, type, options);
 }
 
 bool registerPredicateFunction(sqlite3* handle) {

@@ -29,8 +29,8 @@ class RowCondition {
     AttributeType type;
   };
 
-  /// Whether `comparison`, which must outlive it, is true; the columns are those of `keys`.
-  static std::shared_ptr<const RowCondition> comparison(const Predicate& comparison, std::vector<Key> keys);
+  /// Whether `predicate`, which must outlive it, is true; the columns are those of `keys`.
+  static std::shared_ptr<const RowCondition> evaluation(const Predicate& predicate, std::vector<Key> keys);
   /// Whether the one column, of that type, is a member of `list`: for long lists.
   static std::shared_ptr<const RowCondition> membership(const Array& list, AttributeType type,
                                                         Predicate::Options options);

@@ -59,7 +59,7 @@ std::string dotted(const KeyPath& keyPath) {
   return text;
 }
 
-/// The keys that an expression or a comparison asks its subject for, each once. An empty one is SELF.
+/// The keys that an expression or a predicate asks its subject for, each once. An empty one is SELF.
 class KeyCollector {
  public:
   static std::vector<KeyPath> keysOf(const Expression& expression) {
@@ -67,9 +67,9 @@ class KeyCollector {
     collector.expressions_ = {&expression};
     return collector.run();
   }
-  static std::vector<KeyPath> keysOf(const Predicate& comparison) {
+  static std::vector<KeyPath> keysOf(const Predicate& predicate) {
     KeyCollector collector;
-    collector.predicates_ = {&comparison};
+    collector.predicates_ = {&predicate};
     return collector.run();
   }
 
@@ -189,6 +189,10 @@ class Compiler {
 
   std::optional<PredicateSQL> run(const Predicate& predicate, ErrorPtr* error) {
     write(predicate, false);
+    if (isTooLarge_ || result_.parameters.size() > kMostParameters) {
+      result_ = {};
+      writeCondition(predicate);
+    }
     if (problem_.empty()) return std::move(result_);
     setError(error, Error::make(kCocoaErrorDomain, kStoreUnusable,
                                 "The query \"" + predicate.predicateFormat() + "\" cannot be run on " +
@@ -204,8 +208,8 @@ class Compiler {
   std::string& sql() { return result_.condition; }
 
   void write(const Predicate& predicate, bool negated) {
-    if (++depth_ > kDeepestPredicate) fail("it is nested too deeply");
-    if (problem_.empty()) writeKind(predicate, negated);
+    isTooLarge_ = isTooLarge_ || ++depth_ > kDeepestPredicate;
+    if (problem_.empty() && !isTooLarge_) writeKind(predicate, negated);
     --depth_;
   }
 
@@ -257,13 +261,16 @@ class Compiler {
   }
 
   void writeComparison(const Predicate& predicate, bool negated) {
-    if (writeRelationship(predicate)) return;
+    if (!writeRelationship(predicate) && !writePlain(predicate, negated)) writeCondition(predicate);
+  }
+
+  /// Leaves all of it to the evaluator.
+  void writeCondition(const Predicate& predicate) {
     const std::vector<KeyPath> keys = KeyCollector::keysOf(predicate);
     if (keys.empty()) {
       sql() += truth(predicate.evaluate(NoSubject()));
       return;
     }
-    if (writePlain(predicate, negated)) return;
     std::vector<RowCondition::Key> columns;
     std::string arguments;
     for (const KeyPath& key : keys) {
@@ -271,7 +278,7 @@ class Compiler {
       arguments += ", " + column.name;
       columns.push_back({key, column.type});
     }
-    writeCall(RowCondition::comparison(predicate, std::move(columns)), arguments);
+    writeCall(RowCondition::evaluation(predicate, std::move(columns)), arguments);
   }
 
   void writeCall(std::shared_ptr<const RowCondition> condition, const std::string& arguments) {
@@ -484,6 +491,7 @@ class Compiler {
   PredicateSQL result_;
   std::string problem_;
   int depth_ = 0;
+  bool isTooLarge_ = false;  // for SQLite
 };
 
 }  // namespace

@@ -361,5 +361,60 @@ TEST_F(PredicateSQLTest, TakesListsOfAnyLength) {
   EXPECT_EQ(stack.context.count("QXEvent", wide), 500U);
 }
 
+TEST_F(PredicateSQLTest, TakesPredicatesOfAnyDepthAndWidth) {
+  Stack stack(path_);
+  stack.addEvent("a");
+  stack.addEvent("b");
+  ASSERT_TRUE(stack.context.save());
+  PredicatePtr deep = Predicate::comparison(k("eventID"), Operator::equal, c("a"));
+  for (int level = 0; level < 5001; ++level)
+    deep = Predicate::negation(Predicate::conjunction({deep, Predicate::constant(true)}));
+  EXPECT_EQ(stack.context.count("QXEvent", deep), 1U);
+  std::vector<PredicatePtr> members;
+  for (int i = 0; i < 40000; ++i)
+    members.push_back(
+        Predicate::comparison(k("eventID"), Operator::endsWith, c(i == 39000 ? "b" : std::to_string(i))));
+  const auto found = stack.context.fetch("QXEvent", Predicate::disjunction(std::move(members)));
+  ASSERT_TRUE(found);
+  ASSERT_EQ(found->size(), 1U);
+  EXPECT_EQ(found->front()->value("eventID"), Value("b"));
+}
+
+TEST_F(PredicateSQLTest, SeesForeignCellsAsTheObjectsDo) {
+  {
+    Stack stack(path_);
+    for (const char* name : {"related", "dangling", "crafted", "text", "bytes"})
+      stack.addEvent(name, stack.context.insert("QXEventClass"));
+    ASSERT_TRUE(stack.context.save());
+  }
+  {
+    const RawDatabase raw(path_);
+    raw("UPDATE ZQXEVENT SET ZEVENTCLASS = 999 WHERE ZEVENTID = 'dangling'");
+    raw("INSERT INTO ZQXEVENTCLASS (Z_PK, Z_ENT, Z_OPT) VALUES (-5, 2, 1)");
+    raw("UPDATE ZQXEVENT SET ZEVENTCLASS = -5 WHERE ZEVENTID = 'crafted'");
+    raw("UPDATE ZQXEVENT SET ZEVENTCURRENTSTATE = 'five' WHERE ZEVENTID = 'text'");
+    raw("UPDATE ZQXEVENT SET ZEVENTSOURCEID = CAST(X'41FF' AS TEXT) WHERE ZEVENTID = 'bytes'");
+  }
+  Stack stack(path_);
+  const auto everything = stack.context.fetch("QXEvent", nullptr);
+  const ExpressionPtr state =
+      Expression::arithmetic(k("eventCurrentState"), Expression::Operation::multiply, c(1));
+  const std::vector<std::pair<PredicatePtr, std::size_t>> cases = {
+      {Predicate::comparison(k("eventClass"), Operator::equal, c(nullptr)), 2},
+      {Predicate::comparison(c(nullptr), Operator::notEqual, k("eventClass")), 3},
+      {Predicate::comparison(state, Operator::equal, c(nullptr)), 5},
+      {Predicate::comparison(k("eventSourceID"), Operator::equal, c("A\uFFFD")), 1},
+      {Predicate::comparison(k("eventSourceID"), Operator::equal, c("A\xFF")), 0},
+      {Predicate::comparison(k("eventSourceID"), Operator::in, c(Array{"A\uFFFD"})), 1},
+      {Predicate::comparison(k("eventSourceID"), Operator::endsWith, c("\uFFFD")), 1},
+  };
+  for (const auto& [predicate, count] : cases) {
+    const auto inMemory = std::count_if(everything->begin(), everything->end(),
+                                        [&](const auto& event) { return predicate->evaluate(*event); });
+    EXPECT_EQ(static_cast<std::size_t>(inMemory), count) << compiled(predicate);
+    EXPECT_EQ(stack.context.count("QXEvent", predicate), count) << compiled(predicate);
+  }
+}
+
 }  // namespace
 }  // namespace qx::test

@@ -101,7 +101,11 @@ Dictionary ManagedObject::changedValues() const {
 }
 
 Value ManagedObject::valueForKeyPath(const std::vector<std::string>& keyPath) const {
-  if (keyPath.size() == 1) return value(keyPath.front());
+  if (keyPath.size() == 1) {
+    const Value& own = value(keyPath.front());
+    // An object at the other end is something, and equal to nothing that has a name in a predicate.
+    return own.isNull() && related(keyPath.front()) ? Value(Dictionary{}) : own;
+  }
   if (keyPath.size() != 2) return {};
   const ManagedObjectPtr other = related(keyPath.front());
   return other ? other->value(keyPath.back()) : Value();

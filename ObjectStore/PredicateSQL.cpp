@@ -1,7 +1,10 @@
 #include "ObjectStore/PredicateSQL.h"
 
 #include <algorithm>
+#include <cmath>
+#include <utility>
 
+#include "ObjectStore/PredicateFunction.h"
 #include "ObjectStore/SQLiteErrors.h"
 
 namespace qx {
@@ -37,7 +40,79 @@ Family familyOf(AttributeType type) {
 /// A column of the statement.
 struct Column {
   std::string name;  // "t0.ZEVENTID"
-  Family family;
+  AttributeType type;
+  Family family() const { return familyOf(type); }
+};
+
+using KeyPath = std::vector<std::string>;
+
+/// The part of a key path that an object answers itself.
+KeyPath withoutOperators(const KeyPath& components) {
+  const auto isOperator = [](const std::string& component) { return component.starts_with('@'); };
+  return {components.begin(), std::find_if(components.begin(), components.end(), isOperator)};
+}
+
+std::string dotted(const KeyPath& keyPath) {
+  std::string text;
+  for (const std::string& component : keyPath)
+    text += (text.empty() ? "" : ".") + component;
+  return text;
+}
+
+/// The keys that an expression or a predicate asks its subject for, each once. An empty one is SELF.
+class KeyCollector {
+ public:
+  static std::vector<KeyPath> keysOf(const Expression& expression) {
+    KeyCollector collector;
+    collector.expressions_ = {&expression};
+    return collector.run();
+  }
+  static std::vector<KeyPath> keysOf(const Predicate& predicate) {
+    KeyCollector collector;
+    collector.predicates_ = {&predicate};
+    return collector.run();
+  }
+
+ private:
+  std::vector<KeyPath> run() {
+    // Its own stack: predicates in subqueries can be built as deep as any.
+    while (!expressions_.empty() || !predicates_.empty()) {
+      if (!expressions_.empty())
+        visit(*expressions_.back());
+      else
+        visit(*predicates_.back());
+    }
+    return std::move(keys_);
+  }
+
+  void visit(const Predicate& predicate) {
+    predicates_.pop_back();
+    for (const PredicatePtr& member : predicate.members())
+      predicates_.push_back(member.get());
+    if (predicate.kind() != Predicate::Kind::comparison) return;
+    expressions_.push_back(predicate.left().get());
+    expressions_.push_back(predicate.right().get());
+  }
+
+  void visit(const Expression& expression) {
+    expressions_.pop_back();
+    const bool isOfSelf =
+        expression.kind() == Expression::Kind::path && expression.base()->kind() == Expression::Kind::self;
+    if (expression.kind() == Expression::Kind::keyPath || isOfSelf)
+      return note(withoutOperators(expression.components()));
+    if (expression.kind() == Expression::Kind::self) return note({});
+    for (const ExpressionPtr& member : expression.members())
+      expressions_.push_back(member.get());
+    if (expression.predicate() != nullptr) predicates_.push_back(expression.predicate().get());
+  }
+
+  void note(KeyPath key) {
+    if (std::find(keys_.begin(), keys_.end(), key) == keys_.end()) keys_.push_back(std::move(key));
+  }
+
+  std::vector<const Expression*> expressions_;
+  std::vector<const Predicate*> predicates_;
+  std::vector<KeyPath> keys_;
 };
 
 using Operator = Predicate::Operator;
@@ -78,7 +153,24 @@ const char* truth(bool value) {
   return value ? "1" : "0";
 }
 
-/// Evaluates comparisons between constants with the evaluator itself.
+bool isNaN(const Value& value) {
+  if (const Date* date = value.asDate()) return std::isnan(date->secondsSinceReferenceDate);
+  return value.asReal() != nullptr && std::isnan(*value.asReal());
+}
+
+/// Whether SQLite compares `value` with a stored text as we do. Stored text that is malformed reaches us
+/// with replacement characters, which SQLite does not see.
+bool comparesAlike(const Value& value) {
+  const std::string* text = value.asString();
+  return text == nullptr || (isValidUTF8(*text) && text->find("\xEF\xBF\xBD") == std::string::npos);
+}
+
+/// A family whose values have an order.
+bool isOrdered(Family family) {
+  return family == Family::number || family == Family::string || family == Family::date;
+}
+
+/// Evaluates what has no keys with the evaluator itself.
 class NoSubject : public PredicateSubject {
  public:
   Value valueForKeyPath(const std::vector<std::string>&) const override { return {}; }
@@ -88,7 +180,8 @@ class NoSubject : public PredicateSubject {
 /// it, so each comparison is compiled for where it stands: plain SQL (which can use an index) where NULL
 /// and false do the same, a form that is never NULL below a NOT.
 class Compiler {
-  static constexpr int kDeepestPredicate = 250;  // SQLite's own limit is 1000 levels of expression
+  static constexpr int kDeepestPredicate = 250;          // SQLite's own limit is 1000 levels of expression
+  static constexpr std::size_t kMostParameters = 30000;  // SQLite's own limit is 32766
 
  public:
   Compiler(const EntityDescription& entity, const ManagedObjectModel& model)
@@ -96,6 +189,10 @@ class Compiler {
 
   std::optional<PredicateSQL> run(const Predicate& predicate, ErrorPtr* error) {
     write(predicate, false);
+    if (isTooLarge_ || result_.parameters.size() > kMostParameters) {
+      result_ = {};
+      writeCondition(predicate);
+    }
     if (problem_.empty()) return std::move(result_);
     setError(error, Error::make(kCocoaErrorDomain, kStoreUnusable,
                                 "The query \"" + predicate.predicateFormat() + "\" cannot be run on " +
@@ -111,8 +208,8 @@ class Compiler {
   std::string& sql() { return result_.condition; }
 
   void write(const Predicate& predicate, bool negated) {
-    if (++depth_ > kDeepestPredicate) fail("it is nested too deeply");
-    if (problem_.empty()) writeKind(predicate, negated);
+    isTooLarge_ = isTooLarge_ || ++depth_ > kDeepestPredicate;
+    if (problem_.empty() && !isTooLarge_) writeKind(predicate, negated);
     --depth_;
   }
 
@@ -164,29 +261,96 @@ class Compiler {
   }
 
   void writeComparison(const Predicate& predicate, bool negated) {
-    const Expression& left = *predicate.left();
-    const Expression& right = *predicate.right();
-    const Operator op = predicate.comparisonOperator();
-    if (op == Operator::in) return writeIn(left, right, negated);
-    if (op > Operator::in || predicate.options().any() || predicate.modifier() != Predicate::Modifier::direct)
-      return fail("\"" + predicate.predicateFormat() + "\" has no form in the store");
-    const bool leftIsKey = left.kind() == Expression::Kind::keyPath;
-    const bool rightIsKey = right.kind() == Expression::Kind::keyPath;
-    if (leftIsKey && rightIsKey) return compareColumns(column(left), op, column(right), negated);
-    if (leftIsKey && right.kind() == Expression::Kind::constant)
-      return compareValue(column(left), op, right.value(), negated);
-    if (rightIsKey && left.kind() == Expression::Kind::constant)
-      return compareValue(column(right), mirrored(op), left.value(), negated);
-    if (left.kind() == Expression::Kind::constant && right.kind() == Expression::Kind::constant) {
+    if (!writeRelationship(predicate) && !writePlain(predicate, negated)) writeCondition(predicate);
+  }
+
+  /// Leaves all of it to the evaluator.
+  void writeCondition(const Predicate& predicate) {
+    const std::vector<KeyPath> keys = KeyCollector::keysOf(predicate);
+    if (keys.empty()) {
       sql() += truth(predicate.evaluate(NoSubject()));
       return;
     }
-    fail("\"" + predicate.predicateFormat() + "\" has no form in the store");
+    std::vector<RowCondition::Key> columns;
+    std::string arguments;
+    for (const KeyPath& key : keys) {
+      const Column column = this->column(key);
+      arguments += ", " + column.name;
+      columns.push_back({key, column.type});
+    }
+    writeCall(RowCondition::evaluation(predicate, std::move(columns)), arguments);
+  }
+
+  void writeCall(std::shared_ptr<const RowCondition> condition, const std::string& arguments) {
+    result_.parameters.emplace_back(std::move(condition));
+    sql() += std::string(RowCondition::kFunction) + "(?" + arguments + ")";
+  }
+
+  /// `relationship == nil` and its negation; nothing else can be asked of an object itself.
+  bool writeRelationship(const Predicate& predicate) {
+    const Operator op = predicate.comparisonOperator();
+    if (predicate.modifier() != Predicate::Modifier::direct || op > Operator::notEqual) return false;
+    const bool isMirrored = predicate.left()->kind() == Expression::Kind::constant;
+    const Expression& key = isMirrored ? *predicate.right() : *predicate.left();
+    const Expression& nil = isMirrored ? *predicate.left() : *predicate.right();
+    if (key.kind() != Expression::Kind::keyPath || key.components().size() != 1) return false;
+    if (nil.kind() != Expression::Kind::constant || !nil.value().isNull()) return false;
+    const auto at = entity_.indexOf(key.components().front());
+    if (!at || entity_.properties()[*at].kind != PropertyDescription::Kind::toOne) return false;
+    // A row number that leads nowhere is no object.
+    sql() += "IFNULL(" + use(*at) + ".Z_PK, 0) " + (op == Operator::equal ? "<= 0" : "> 0");
+    return true;
+  }
+
+  /// A side of a comparison that is one column, or one value.
+  struct Side {
+    std::optional<Column> column;
+    const Value* value = nullptr;
+    Value storage;
+  };
+
+  void read(const Expression& expression, Side& side) {
+    if (expression.kind() == Expression::Kind::constant) {
+      side.value = &expression.value();
+    } else if (KeyCollector::keysOf(expression).empty()) {
+      side.storage = expression.evaluate(NoSubject());
+      side.value = &side.storage;
+    } else if (expression.kind() == Expression::Kind::keyPath &&
+               withoutOperators(expression.components()) == expression.components()) {
+      side.column = column(expression.components());
+    }
+  }
+
+  /// Writes what SQLite can say as we mean it; false for everything else.
+  bool writePlain(const Predicate& predicate, bool negated) {
+    if (predicate.modifier() != Predicate::Modifier::direct) return false;
+    const Operator op = predicate.comparisonOperator();
+    Side left;
+    Side right;
+    read(*predicate.left(), left);
+    read(*predicate.right(), right);
+    const Predicate::Options options = predicate.options();
+    const bool folds = options.any() && !options.normalized;
+    if (op == Operator::in && left.column && right.value != nullptr)
+      return writeIn(*left.column, *right.value, options, negated);
+    if (op == Operator::between && left.column && right.value != nullptr)
+      return writeBetween(*left.column, *right.value, folds, negated);
+    if (op > Operator::greaterOrEqual) return false;
+    if (left.column && right.column) {
+      if (folds && left.column->family() == Family::string) return false;
+      compareColumns(*left.column, op, *right.column, negated);
+      return true;
+    }
+    if (left.column && right.value != nullptr)
+      return compareValue(*left.column, op, *right.value, folds, negated);
+    return right.column && left.value != nullptr &&
+           compareValue(*right.column, mirrored(op), *left.value, folds, negated);
   }
 
   void compareColumns(const Column& left, Operator op, const Column& right, bool negated) {
-    if (left.family != right.family) {
-      // Of different kinds: equal only when both are missing.
+    const bool isEquality = op == Operator::equal || op == Operator::notEqual;
+    if (left.family() != right.family() || (!isEquality && !isOrdered(left.family()))) {
+      // Without an order, or of different kinds: equal only when both are missing.
       const std::string bothMissing = left.name + " IS NULL AND " + right.name + " IS NULL";
       if (op == Operator::equal || includesEquality(op))
         sql() += bothMissing;
@@ -201,11 +365,12 @@ class Compiler {
     else if (op == Operator::notEqual)
       sql() += left.name + " IS NOT " + right.name;
     else
-      writeOrdering(left.name + symbol(op) + right.name, negated);
+      writeNullAsFalse(left.name + symbol(op) + right.name, negated);
     if (includesEquality(op)) sql() += " OR (" + left.name + " IS NULL AND " + right.name + " IS NULL)";
   }
 
-  void compareValue(const Column& column, Operator op, const Value& value, bool negated) {
+  bool compareValue(const Column& column, Operator op, const Value& value, bool folds, bool negated) {
+    const bool isEquality = op == Operator::equal || op == Operator::notEqual;
     if (value.isNull()) {
       if (op == Operator::equal || includesEquality(op))
         sql() += column.name + " IS NULL";
@@ -213,81 +378,112 @@ class Compiler {
         sql() += column.name + " IS NOT NULL";
       else
         sql() += "0";
-      return;
+      return true;
     }
-    if (familyOf(value) != column.family) {
+    if (familyOf(value) != column.family() || isNaN(value) || (!isEquality && !isOrdered(column.family()))) {
       sql() += truth(op == Operator::notEqual);
-      return;
+      return true;
     }
-    result_.bindings.push_back(value);
+    if ((folds && column.family() == Family::string) || !comparesAlike(value)) return false;
+    result_.parameters.emplace_back(value);
     if (op == Operator::equal)
       sql() += column.name + (negated ? " IS ?" : " = ?");
     else if (op == Operator::notEqual)
       sql() += column.name + " IS NOT ?";
     else
-      writeOrdering(column.name + symbol(op) + "?", negated);
+      writeNullAsFalse(column.name + symbol(op) + "?", negated);
+    return true;
   }
 
-  void writeOrdering(const std::string& comparison, bool negated) {
+  void writeNullAsFalse(const std::string& comparison, bool negated) {
     sql() += negated ? "IFNULL(" + comparison + ", 0)" : comparison;
   }
 
-  void writeIn(const Expression& left, const Expression& right, bool negated) {
-    const auto values = listOf(right);
-    if (left.kind() != Expression::Kind::keyPath || !values)
-      return fail("IN needs a key on its left and a list on its right");
-    const Column key = column(left);
+  bool writeBetween(const Column& column, const Value& range, bool folds, bool negated) {
+    const Array* bounds = range.asArray();
+    const auto isBound = [&](const Value& value) {
+      return familyOf(value) == column.family() && isOrdered(column.family()) && !isNaN(value);
+    };
+    if (bounds == nullptr || bounds->size() != 2 || !isBound(bounds->front()) || !isBound(bounds->back())) {
+      sql() += "0";
+      return true;
+    }
+    if (folds && column.family() == Family::string) return false;
+    if (!comparesAlike(bounds->front()) || !comparesAlike(bounds->back())) return false;
+    result_.parameters.emplace_back(bounds->front());
+    result_.parameters.emplace_back(bounds->back());
+    writeNullAsFalse(column.name + " BETWEEN ? AND ?", negated);
+    return true;
+  }
+
+  bool writeIn(const Column& column, const Value& list, Predicate::Options options, bool negated) {
+    std::optional<Array> storage;
+    const Array* members = list.asArray();
+    if (members == nullptr) {
+      storage = valuesOf(list);
+      if (!storage) return false;
+      members = &*storage;
+    }
+    const bool folds = options.any() && !options.normalized && column.family() == Family::string;
+    const bool comparesAllAlike = std::all_of(members->begin(), members->end(), comparesAlike);
+    if (folds || !comparesAllAlike || members->size() + result_.parameters.size() > kMostParameters)
+      writeCall(RowCondition::membership(*members, column.type, options), ", " + column.name);
+    else
+      writeShortList(column, *members, negated);
+    return true;
+  }
+
+  void writeShortList(const Column& column, const Array& members, bool negated) {
     std::string parameters;
     bool hasNull = false;
-    for (const Value& value : *values) {
+    for (const Value& value : members) {
       hasNull = hasNull || value.isNull();
-      if (familyOf(value) != key.family) continue;
-      result_.bindings.push_back(value);
+      if (familyOf(value) != column.family() || isNaN(value)) continue;
+      result_.parameters.emplace_back(value);
       parameters += parameters.empty() ? "?" : ", ?";
     }
-    const std::string list = key.name + " IN (" + parameters + ")";
     if (parameters.empty())
       sql() += "0";
     else
-      sql() += negated ? "IFNULL(" + list + ", 0)" : list;
-    if (hasNull) sql() += " OR " + key.name + " IS NULL";
+      writeNullAsFalse(column.name + " IN (" + parameters + ")", negated);
+    if (hasNull) sql() += " OR " + column.name + " IS NULL";
   }
 
-  /// The members of a constant list, or the values of a constant dictionary.
-  static std::optional<Array> listOf(const Expression& expression) {
-    if (expression.kind() != Expression::Kind::constant) return std::nullopt;
-    if (const Array* array = expression.value().asArray()) return *array;
-    const Dictionary* dictionary = expression.value().asDictionary();
+  static std::optional<Array> valuesOf(const Value& value) {
+    const Dictionary* dictionary = value.asDictionary();
     if (dictionary == nullptr) return std::nullopt;
     Array values;
-    for (const auto& [key, value] : *dictionary)
-      values.push_back(value);
+    for (const auto& entry : *dictionary)
+      values.push_back(entry.second);
     return values;
   }
 
-  Column column(const Expression& expression) {
-    const auto& keyPath = expression.components();
+  /// The name of the table behind the to-one relationship.
+  std::string use(std::size_t property) {
+    auto& used = result_.relationships;
+    if (std::find(used.begin(), used.end(), property) == used.end()) used.push_back(property);
+    return relationshipAlias(property);
+  }
+
+  Column column(const KeyPath& keyPath) {
     const EntityDescription* entity = &entity_;
     std::string table = "t0";
     if (keyPath.size() == 2) {
       const auto at = entity_.indexOf(keyPath.front());
-      if (!at || entity_.properties()[*at].kind != PropertyDescription::Kind::toOne)
-        return unknown(expression);
+      if (!at || entity_.properties()[*at].kind != PropertyDescription::Kind::toOne) return unknown(keyPath);
       entity = model_.entity(entity_.properties()[*at].destination);
-      table = relationshipAlias(*at);
-      auto& used = result_.relationships;
-      if (std::find(used.begin(), used.end(), *at) == used.end()) used.push_back(*at);
+      table = use(*at);
     }
     const auto at = keyPath.empty() || keyPath.size() > 2 ? std::nullopt : entity->indexOf(keyPath.back());
     if (!at || entity->properties()[*at].kind != PropertyDescription::Kind::attribute)
-      return unknown(expression);
+      return unknown(keyPath);
     const PropertyDescription& property = entity->properties()[*at];
-    return {table + "." + property.column, familyOf(property.type)};
+    return {table + "." + property.column, property.type};
   }
 
-  Column unknown(const Expression& expression) {
-    fail("it has no attribute \"" + expression.format() + "\"");
-    return {"NULL", Family::none};
+  Column unknown(const KeyPath& keyPath) {
+    fail("it has no attribute \"" + (keyPath.empty() ? "SELF" : dotted(keyPath)) + "\"");
+    return {"NULL", AttributeType::string};
   }
 
   const EntityDescription& entity_;
@@ -295,6 +491,7 @@ class Compiler {
   PredicateSQL result_;
   std::string problem_;
   int depth_ = 0;
+  bool isTooLarge_ = false;  // for SQLite
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ObjectStore/GuardedVFS.h"
+#include "ObjectStore/PredicateFunction.h"
 
 namespace qx {
 
@@ -69,13 +70,42 @@ std::string repairedUTF8(std::string_view bytes) {
   return result;
 }
 
-std::string_view columnBytes(sqlite3_stmt* statement, int column) {
-  const void* bytes = sqlite3_column_blob(statement, column);
-  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
+std::string_view bytesOf(sqlite3_value* cell) {
+  const void* bytes = sqlite3_value_blob(cell);
+  const auto size = static_cast<std::size_t>(sqlite3_value_bytes(cell));
   return bytes != nullptr ? std::string_view(static_cast<const char*>(bytes), size) : std::string_view();
 }
 
 }  // namespace
+
+Value valueOf(sqlite3_value* cell, AttributeType type) {
+  const int stored = sqlite3_value_type(cell);
+  switch (type) {
+    case AttributeType::string: {
+      if (stored != SQLITE_TEXT) return {};
+      const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(cell));
+      if (bytes == nullptr) return {};
+      const std::string_view text(bytes, static_cast<std::size_t>(sqlite3_value_bytes(cell)));
+      return isValidUTF8(text) ? Value(text) : Value(repairedUTF8(text));
+    }
+    case AttributeType::integer: {
+      if (stored == SQLITE_INTEGER) return sqlite3_value_int64(cell);
+      if (stored != SQLITE_FLOAT) return {};
+      const double real = sqlite3_value_double(cell);
+      return std::trunc(real) == real ? Value(Value(real).integerValue()) : Value();
+    }
+    case AttributeType::boolean:
+      if (stored != SQLITE_INTEGER) return {};
+      return sqlite3_value_int64(cell) != 0;
+    case AttributeType::date:
+      if (stored != SQLITE_FLOAT && stored != SQLITE_INTEGER) return {};
+      return Date{sqlite3_value_double(cell)};
+    case AttributeType::binary:
+      if (stored != SQLITE_BLOB) return {};
+      return Data(std::string(bytesOf(cell)));
+  }
+  return {};
+}
 
 SQLiteStatement::SQLiteStatement(SQLiteStatement&& other) noexcept
     : statement_(std::exchange(other.statement_, nullptr)), bound_(other.bound_), busy_(other.busy_) {}
@@ -87,6 +117,7 @@ SQLiteStatement::~SQLiteStatement() {
     return;
   }
   sqlite3_reset(statement_);
+  sqlite3_clear_bindings(statement_);  // what they point to may go now
   *busy_ = false;
 }
 
@@ -129,6 +160,21 @@ void SQLiteStatement::bind(int parameter, const Value& value) {
   }
 }
 
+void SQLiteStatement::bind(const std::vector<SQLiteParameter>& parameters) {
+  int number = 0;
+  for (const SQLiteParameter& parameter : parameters) {
+    ++number;
+    if (const Value* value = std::get_if<Value>(&parameter)) {
+      bind(number, *value);
+      continue;
+    }
+    const RowCondition* condition = std::get<std::shared_ptr<const RowCondition>>(parameter).get();
+    // The pointer is only ever read through; SQLite's signature does not say so.
+    noteBinding(sqlite3_bind_pointer(statement_, number, const_cast<RowCondition*>(condition),
+                                     RowCondition::kPointerType, nullptr));
+  }
+}
+
 int SQLiteStatement::step() {
   return bound_ == SQLITE_OK ? sqlite3_step(statement_) : bound_;
 }
@@ -142,31 +188,7 @@ bool SQLiteStatement::isNull(int column) const {
 }
 
 Value SQLiteStatement::value(int column, AttributeType type) const {
-  const int stored = sqlite3_column_type(statement_, column);
-  switch (type) {
-    case AttributeType::string: {
-      if (stored != SQLITE_TEXT) return {};
-      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-      const std::string_view bytes(text, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)));
-      return isValidUTF8(bytes) ? Value(bytes) : Value(repairedUTF8(bytes));
-    }
-    case AttributeType::integer: {
-      if (stored == SQLITE_INTEGER) return sqlite3_column_int64(statement_, column);
-      if (stored != SQLITE_FLOAT) return {};
-      const double real = sqlite3_column_double(statement_, column);
-      return std::trunc(real) == real ? Value(Value(real).integerValue()) : Value();
-    }
-    case AttributeType::boolean:
-      if (stored != SQLITE_INTEGER) return {};
-      return sqlite3_column_int64(statement_, column) != 0;
-    case AttributeType::date:
-      if (stored != SQLITE_FLOAT && stored != SQLITE_INTEGER) return {};
-      return Date{sqlite3_column_double(statement_, column)};
-    case AttributeType::binary:
-      if (stored != SQLITE_BLOB) return {};
-      return Data(std::string(columnBytes(statement_, column)));
-  }
-  return {};
+  return valueOf(sqlite3_column_value(statement_, column), type);
 }
 
 std::unique_ptr<SQLiteConnection> SQLiteConnection::open(const std::string& path, Mode mode,
@@ -228,8 +250,8 @@ bool SQLiteConnection::harden() {
   sqlite3_limit(handle_, SQLITE_LIMIT_LENGTH, kMostBytesInAValue);
   sqlite3_limit(handle_, SQLITE_LIMIT_ATTACHED, 0);
   sqlite3_busy_handler(handle_, waitWhileBusy, &busySince_);
-  return execute("PRAGMA mmap_size = 0") && execute("PRAGMA cell_size_check = ON") &&
-         execute("PRAGMA temp_store = MEMORY");
+  return registerPredicateFunction(handle_) && execute("PRAGMA mmap_size = 0") &&
+         execute("PRAGMA cell_size_check = ON") && execute("PRAGMA temp_store = MEMORY");
 }
 
 /// What can only be set once the file has been looked at.

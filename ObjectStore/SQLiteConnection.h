@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <variant>
+#include <vector>
 
 #include <QXEventStoring/Platform/Error.h>
 #include <QXEventStoring/Platform/Value.h>
@@ -14,8 +16,18 @@
 
 struct sqlite3;
 struct sqlite3_stmt;
+struct sqlite3_value;
 
 namespace qx {
+
+class RowCondition;
+
+/// What stands for a ? in a statement.
+using SQLiteParameter = std::variant<Value, std::shared_ptr<const RowCondition>>;
+
+/// A cell of a row as an attribute of that type. What is stored decides nothing: a value that is not of the
+/// asked kind is null. Cells are read by the thread that has the connection, which has no mutex of its own.
+Value valueOf(sqlite3_value* cell, AttributeType type);
 
 /// A prepared statement on loan from its connection; given back, reset, when it goes.
 class SQLiteStatement {
@@ -29,14 +41,16 @@ class SQLiteStatement {
   explicit operator bool() const { return statement_ != nullptr; }
   sqlite3_stmt* get() const { return statement_; }
 
-  // Parameters count from 1. Strings and data are not copied: they must live until the statement goes. What
-  // cannot be bound (it is too large) fails the next step.
+  // Parameters count from 1. Strings, data and conditions are not copied: they must live until the statement
+  // goes. What cannot be bound (it is too large) fails the next step.
   void bind(int parameter, const Value& value);
   void bind(int parameter, std::int64_t value);
+  /// All of them, from the first on.
+  void bind(const std::vector<SQLiteParameter>& parameters);
   /// SQLite's result: SQLITE_ROW, SQLITE_DONE or a failure.
   int step();
 
-  // Columns count from 0. What is stored decides nothing: a value that is not of the asked kind is null.
+  // Columns count from 0.
   std::int64_t integer(int column) const;
   bool isNull(int column) const;
   Value value(int column, AttributeType type) const;

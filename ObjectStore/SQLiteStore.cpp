@@ -77,11 +77,6 @@ std::optional<StoreMetadata> readMetadata(std::string uuid, std::string_view byt
   return std::nullopt;
 }
 
-void bindAll(SQLiteStatement& statement, const std::vector<Value>& values) {
-  for (std::size_t i = 0; i < values.size(); ++i)
-    statement.bind(static_cast<int>(i) + 1, values[i]);
-}
-
 /// For rows that come in the order of their numbers: whether this one was not there yet.
 auto rising() {
   return [last = std::numeric_limits<std::int64_t>::min()](std::int64_t row) mutable {
@@ -269,13 +264,12 @@ std::string SQLiteStore::joins(const EntityDescription& entity, const PredicateS
 
 bool SQLiteStore::fetch(const EntityDescription& entity, const Predicate* predicate,
                         const RowHandler& handler, ErrorPtr* error) {
-  static const std::vector<Value> kNoBindings;
   if (predicate == nullptr)
-    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", kNoBindings, rising(), handler, error);
+    return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", {}, rising(), handler, error);
   const auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
   if (!compiled) return false;
   return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition + " ORDER BY t0.Z_PK",
-                  compiled->bindings, rising(), handler, error);
+                  compiled->parameters, rising(), handler, error);
 }
 
 bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
@@ -284,12 +278,12 @@ bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, co
 }
 
 bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql,
-                           const std::vector<Value>& bindings, const RowCheck& isNew,
+                           const std::vector<SQLiteParameter>& parameters, const RowCheck& isNew,
                            const RowHandler& handler, ErrorPtr* error) {
   const std::lock_guard lock(mutex_);
   SQLiteStatement statement = connection_->prepare(sql);
   if (!statement) return fail(StoreOperation::read, error);
-  bindAll(statement, bindings);
+  statement.bind(parameters);
   const FetchedRow row(statement, entity, this->sql(entity).parts);
   int result = statement.step();
   for (; result == SQLITE_ROW; result = statement.step()) {
@@ -306,20 +300,20 @@ bool SQLiteStore::runFetch(const EntityDescription& entity, std::string_view sql
 bool SQLiteStore::fetchLargest(const EntityDescription& entity, const Predicate* predicate,
                                std::size_t property, std::uint64_t most, const RowHandler& handler,
                                ErrorPtr* error) {
-  PredicateSQL selection{.condition = "1", .bindings = {}, .relationships = {}};
+  PredicateSQL selection{.condition = "1", .parameters = {}, .relationships = {}};
   if (predicate != nullptr) {
     auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
     if (!compiled) return false;
     selection = std::move(*compiled);
   }
   const Value limit(std::min<std::uint64_t>(most, std::numeric_limits<std::int64_t>::max()));
-  selection.bindings.push_back(limit);
+  selection.parameters.push_back(limit);
   std::unordered_set<std::int64_t> seen;
   return runFetch(
       entity,
       sql(entity).select + " WHERE " + selection.condition + " ORDER BY t0." +
           entity.properties()[property].column + " DESC, t0.Z_PK DESC LIMIT ?",
-      selection.bindings, [&](std::int64_t row) { return seen.insert(row).second; }, handler, error);
+      selection.parameters, [&](std::int64_t row) { return seen.insert(row).second; }, handler, error);
 }
 
 std::optional<std::vector<std::string>> SQLiteStore::distinctStrings(const EntityDescription& entity,
@@ -328,7 +322,7 @@ std::optional<std::vector<std::string>> SQLiteStore::distinctStrings(const Entit
                                                                      ErrorPtr* error) {
   const std::string& column = entity.properties()[property].column;
   const std::string from = " FROM " + entity.table() + " AS t0";
-  PredicateSQL selection{.condition = "1", .bindings = {}, .relationships = {}};
+  PredicateSQL selection{.condition = "1", .parameters = {}, .relationships = {}};
   if (predicate != nullptr) {
     auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
     if (!compiled) return std::nullopt;
@@ -348,7 +342,7 @@ std::optional<std::vector<std::string>> SQLiteStore::distinctStrings(const Entit
     fail(StoreOperation::read, error);
     return std::nullopt;
   }
-  bindAll(statement, selection.bindings);
+  statement.bind(selection.parameters);
   int result = statement.step();
   for (; result == SQLITE_ROW; result = statement.step()) {
     String value = statement.value(0, AttributeType::string).stringValue();
@@ -381,7 +375,7 @@ std::optional<std::uint64_t> SQLiteStore::count(const EntityDescription& entity,
     fail(StoreOperation::read, error);
     return std::nullopt;
   }
-  if (compiled) bindAll(statement, compiled->bindings);
+  if (compiled) statement.bind(compiled->parameters);
   if (statement.step() == SQLITE_ROW) return static_cast<std::uint64_t>(statement.integer(0));
   fail(StoreOperation::read, error);
   return std::nullopt;

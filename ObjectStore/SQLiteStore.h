@@ -91,8 +91,9 @@ class SQLiteStore : public PersistentStore {
   bool isQueued();
   void reopenForWriting();
   using RowCheck = std::function<bool(std::int64_t row)>;
-  bool runFetch(const EntityDescription& entity, std::string_view sql, const std::vector<Value>& bindings,
-                const RowCheck& isNew, const RowHandler& handler, ErrorPtr* error);
+  bool runFetch(const EntityDescription& entity, std::string_view sql,
+                const std::vector<SQLiteParameter>& parameters, const RowCheck& isNew,
+                const RowHandler& handler, ErrorPtr* error);
   /// The tables behind the relationships that it speaks of.
   std::string joins(const EntityDescription& entity, const PredicateSQL& selection) const;
   bool fail(StoreOperation operation, ErrorPtr* error);

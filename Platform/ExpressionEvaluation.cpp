@@ -318,7 +318,8 @@ Value Expression::evaluate(const PredicateSubject& subject) const {
   detail::EvaluationBudget budget;
   Value storage;
   const Value& value = detail::resolve(*this, {subject, &budget}, storage);
-  return &value == &storage ? std::move(storage) : value;
+  if (&value == &storage) return storage;
+  return value;
 }
 
 }  // namespace qx

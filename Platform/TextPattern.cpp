@@ -23,6 +23,8 @@ namespace {
 using Operator = Predicate::Operator;
 using Options = Predicate::Options;
 
+/// ICU takes quadratic time to read an expression.
+constexpr std::size_t kLongestExpression = 32768;
 constexpr std::size_t kLongestText = std::numeric_limits<std::int32_t>::max() / 4;
 
 bool folds(Options options) {
@@ -185,6 +187,7 @@ class LikePattern : public TextPattern {
 class RegularExpression : public TextPattern {
  public:
   RegularExpression(std::string_view pattern, Options options) : options_(options) {
+    if (pattern.size() > kLongestExpression) return;
     UErrorCode status = U_ZERO_ERROR;
     UParseError position;
     const bool ignoresCase = options.caseInsensitive && !options.normalized;
@@ -242,6 +245,8 @@ std::shared_ptr<const TextPattern> TextPattern::make(Predicate::Operator op, std
 }
 
 std::string regularExpressionProblem(std::string_view pattern) {
+  if (pattern.size() > kLongestExpression)
+    return "it is longer than " + std::to_string(kLongestExpression) + " bytes";
   const icu::UnicodeString text = unicodeString(pattern);
   UErrorCode status = U_ZERO_ERROR;
   UParseError position;

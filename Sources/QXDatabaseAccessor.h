@@ -91,6 +91,10 @@ class QX_EXPORT QXDatabaseAccessor {
   qx::PersistentStorePtr storeByMigratingFromLegacyEventStore(qx::ErrorPtr* error);
   void removeLegacyEventStore();
 
+  /// Whether the store file is sound and only waits to be brought up to date: a full disk, say, or another
+  /// failure that passes prevented that, or the file was put there since. lock() held.
+  bool isStoreToBeMigrated() const;
+
   // Repair.
   bool handleError(std::int32_t code);
   bool createNewStore(qx::ErrorPtr* error);
@@ -127,9 +131,6 @@ class QX_EXPORT QXDatabaseAccessor {
                                         qx::ErrorPtr* error);
   /// Opens the store file for the contexts without keeping it in m_Store.
   bool addStoreDirectly();
-  /// Whether the store file is sound and only waits to be brought up to date: a full disk, say, or another
-  /// failure that passes prevented that, or the file was put there since. lock() held.
-  bool isStoreToBeMigrated() const;
 
   bool handleCorruption();
   void recievedNotification(const qx::Notification& notification);

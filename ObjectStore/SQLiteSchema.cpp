@@ -54,8 +54,7 @@ bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model,
       connection.execute(
           "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)");
   for (const EntityDescription& entity : model.entities())
-    good = good && createTable(connection, entity) && createIndexes(connection, entity) &&
-           addRowNumbers(connection, entity, 0);
+    good = good && createTable(connection, entity) && addRowNumbers(connection, entity, 0);
   good = good && writeMetadata(connection, model);
   if (!good) setError(error, connection.lastError(StoreOperation::save));
   return good;

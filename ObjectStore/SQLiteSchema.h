@@ -7,8 +7,8 @@
 
 namespace qx {
 
-/// Makes the tables and indexes of `model` in an empty file, and its Z_METADATA row with a fresh UUID. In
-/// a transaction of the caller's.
+/// Makes the tables of `model` in an empty file, and its Z_METADATA row with a fresh UUID. Indexes come with
+/// createIndexes(): at the end, when there are rows to write. In a transaction of the caller's.
 bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model, ErrorPtr* error);
 
 // The parts of it. In a transaction of the caller's; false when SQLite fails: see the connection's error.

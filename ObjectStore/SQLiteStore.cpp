@@ -206,6 +206,8 @@ bool SQLiteStore::create(const ManagedObjectModelPtr& model, const std::string& 
     if (!made.execute("BEGIN IMMEDIATE")) return store.fail(StoreOperation::save, error);
     if (!createSchema(made, *model, error)) return false;
     if (rowsOf != nullptr && !store.copyRowsFrom(*rowsOf, error)) return false;
+    for (const EntityDescription& entity : model->entities())
+      if (!createIndexes(made, entity)) return store.fail(StoreOperation::save, error);
     if (!made.execute("COMMIT")) return store.fail(StoreOperation::save, error);
   }
   return file.moveIntoPlace(error);

@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <random>
@@ -19,6 +20,7 @@ using qx::test::WorkerProcess;
 namespace fs = std::filesystem;
 
 constexpr int kEvents = 10'000;
+constexpr int kRoundsBetweenLooks = 10;  // at a new store that a crash left whole
 constexpr int kLegacyRounds = QX_TESTS_SANITIZED != 0 ? 10 : 100;
 constexpr int kInPlaceRounds = QX_TESTS_SANITIZED != 0 ? 5 : 40;
 
@@ -114,14 +116,11 @@ class ConcurrentKilledMigration : public StoreMachine {
     EXPECT_EQ(worker.ask("count"), "count " + std::to_string(kEvents));
     EXPECT_EQ(worker.ask("fetch EVENT-9999").substr(0, 6), "event ");
     EXPECT_EQ(worker.finish(), 0);
-    const RawStore raw = rawStore();
-    expectSound(raw);
-    EXPECT_EQ(raw.number("SELECT COUNT(DISTINCT ZEVENTID) FROM ZQXEVENT"), kEvents);
   }
 
   void killAtRandomMoments(const std::string& place, int rounds) {
-    const auto duration = durationFrom(place);
-    const double longest = std::chrono::duration<double>(duration).count() * 1.1;
+    const auto duration = std::min({durationFrom(place), durationFrom(place), durationFrom(place)});
+    const double longest = std::chrono::duration<double>(duration).count() * 1.15;
     std::mt19937 random(20261121);
     std::array<int, 3> counts{};  // untouched, brought up to date, moved
     int leftovers = 0;
@@ -134,6 +133,7 @@ class ConcurrentKilledMigration : public StoreMachine {
       ++counts[state.isNew ? 2 : (state.isBroughtUp ? 1 : 0)];
       leftovers += state.hasLeftovers ? 1 : 0;
       expectNextStartFinishes();
+      if (round % kRoundsBetweenLooks == 0 || !state.isNew) expectSound(rawStore());
       EXPECT_TRUE(state.isNew || !fs::exists(root_ / "Users/Shared/Vantorix"));
     }
     std::cout << "[  NOTE    ] killed within " << longest << " s: untouched " << counts[0] << ", brought up "
@@ -205,6 +205,7 @@ class ConcurrentFullDisk : public ConcurrentKilledMigration {
         EXPECT_TRUE(disk.grow(kRoomy));
       }
       expectNextStartFinishes();
+      expectSound(rawStore());
       EXPECT_FALSE(fs::exists(root_ / "Users/Shared/Vantorix"));
       disk.unmount();
     }

@@ -7,16 +7,19 @@
 //    old one dropped; then come its indexes and its row of Z_PRIMARYKEY.
 // 4. Z_METADATA names the present model.
 //
-// Tables are made anew, not altered: the old file is anyone's work, and what its columns were declared to be,
-// check or compute does not get into the new one.
+// Tables are made anew, not altered: the old file is anyone's work, and what its columns were declared to be
+// or check does not get into the new one. What would make the copy much larger than the file is refused:
+// computed columns, and rows that share their pages.
 #include "ObjectStore/StoreMigration.h"
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <map>
 
 #include "ObjectStore/SQLiteRows.h"
 #include "ObjectStore/SQLiteSchema.h"
+#include "Platform/Host.h"
 #include "Platform/PropertyList.h"
 
 namespace qx {
@@ -24,6 +27,12 @@ namespace qx {
 namespace {
 
 using Kind = PropertyDescription::Kind;
+
+// Small rows grow by their new columns and indexes; a sound file never gets near these.
+constexpr std::int64_t kMostGrowth = 8;
+constexpr std::int64_t kSparePages = 1000;
+constexpr std::int64_t kNoPageLimit = 4294967294;  // SQLite's own
+constexpr std::uint64_t kFullBelowBytes = 1'000'000;
 
 const PropertyDescription* propertyOf(const EntityDescription& entity, std::string_view name) {
   const auto index = entity.indexOf(name);
@@ -56,8 +65,32 @@ class Migration {
       : connection_(connection), earlier_(earlier), present_(present) {}
 
   bool run(const StoreMetadata& metadata) {
+    if (!limitGrowth()) return fail();
+    const bool migrated = migrateAll(metadata);
+    setPageLimit(kNoPageLimit);
+    return migrated;
+  }
+
+  const ErrorPtr& problem() const { return problem_; }
+
+ private:
+  bool setPageLimit(std::int64_t pages) {
+    return connection_.execute("PRAGMA max_page_count = " + std::to_string(pages));
+  }
+
+  bool limitGrowth() {
+    std::int64_t pages = 0;
+    {
+      SQLiteStatement count = connection_.prepare("PRAGMA page_count");
+      if (!count || count.step() != SQLITE_ROW) return false;
+      pages = count.integer(0);
+    }
+    return setPageLimit(std::min(kNoPageLimit, pages * kMostGrowth + kSparePages));
+  }
+
+  bool migrateAll(const StoreMetadata& metadata) {
     for (const EntityDescription& entity : earlier_.entities())
-      if (!noteRowNumbers(entity)) return false;
+      if (!noteRowNumbers(entity) || !checkColumns(entity)) return false;
     for (const EntityDescription& entity : earlier_.entities())
       if (present_.entity(entity.name()) == nullptr && !connection_.execute("DROP TABLE " + entity.table()))
         return fail();
@@ -67,9 +100,17 @@ class Migration {
     return writeMetadata(metadata);
   }
 
-  const ErrorPtr& problem() const { return problem_; }
+  bool checkColumns(const EntityDescription& entity) {
+    const Value table(entity.table());
+    SQLiteStatement computed =
+        connection_.prepare("SELECT name FROM pragma_table_xinfo(?) WHERE hidden <> 0 LIMIT 1");
+    if (computed) computed.bind(1, table);
+    const int result = computed ? computed.step() : SQLITE_ERROR;
+    if (result == SQLITE_DONE) return true;
+    if (result != SQLITE_ROW) return fail();
+    return failAsCorrupt("a column of " + entity.table() + " is computed");
+  }
 
- private:
   bool noteRowNumbers(const EntityDescription& entity) {
     SQLiteStatement counter = connection_.prepare(EntitySQL(entity, earlier_).lastRow);
     if (counter) counter.bind(1, std::int64_t{entity.number()});
@@ -140,9 +181,22 @@ class Migration {
       case SQLITE_MISMATCH:
       case SQLITE_TOOBIG:
         return failAsCorrupt("it is not what its metadata says: " + problem_->localizedDescription());
+      case SQLITE_FULL:
+        if (!isDiskFull() && !isSound()) failAsCorrupt("its rows share their pages");
+        return false;
       default:
         return false;
     }
+  }
+
+  bool isDiskFull() const {
+    return Host::current().freeSize(connection_.path()).value_or(0) < kFullBelowBytes;
+  }
+
+  bool isSound() {
+    connection_.execute("ROLLBACK");
+    SQLiteStatement check = connection_.prepare("PRAGMA quick_check(1)");
+    return check && check.step() == SQLITE_ROW && check.value(0, AttributeType::string) == Value("ok");
   }
 
   bool failAsCorrupt(const std::string& words) {

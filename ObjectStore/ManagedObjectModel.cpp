@@ -1,6 +1,7 @@
 #include "ObjectStore/ManagedObjectModel.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "Platform/PropertyList.h"
@@ -36,6 +37,22 @@ std::optional<AttributeType> attributeType(std::string_view name) {
   return std::nullopt;
 }
 
+Value::Kind defaultKind(AttributeType type) {
+  switch (type) {
+    case AttributeType::string:
+      return Value::Kind::string;
+    case AttributeType::integer:
+      return Value::Kind::integer;
+    case AttributeType::boolean:
+      return Value::Kind::boolean;
+    case AttributeType::date:
+      return Value::Kind::date;
+    case AttributeType::binary:
+      return Value::Kind::data;
+  }
+  return Value::Kind::null;
+}
+
 const std::string* textIn(const Value& value, std::string_view key) {
   const Dictionary* dictionary = value.asDictionary();
   const Value* found = dictionary != nullptr ? dictionary->find(key) : nullptr;
@@ -57,6 +74,7 @@ class ModelReader {
  public:
   std::shared_ptr<const ManagedObjectModel> read(const Value& root) {
     auto model = std::make_shared<ManagedObjectModel>();
+    if (const std::string* version = textIn(root, "version")) model->version_ = *version;
     for (const Value& entity : arrayIn(root, "entities"))
       model->entities_.push_back(readEntity(entity));
     if (model->entities_.empty()) fail("it has no entities");
@@ -113,6 +131,12 @@ class ModelReader {
       property.type = *known;
     else
       fail(entity.name_ + "." + property.name + " has no known type");
+    const Dictionary* values = source.asDictionary();
+    const Value* given = values != nullptr ? values->find("default") : nullptr;
+    if (given == nullptr) return;
+    if (given->kind() != defaultKind(property.type))
+      fail(entity.name_ + "." + property.name + " has a default of another type");
+    property.defaultValue = *given;
   }
 
   void readRelationship(const Value& source, EntityDescription& entity) {
@@ -200,6 +224,18 @@ std::shared_ptr<const ManagedObjectModel> ManagedObjectModel::load(const std::st
              Error::make(kCocoaErrorDomain, kNotAModel,
                          "The object model \"" + path + "\" cannot be used: " + reader.problem() + "."));
   return model;
+}
+
+std::vector<ManagedObjectModelPtr> ManagedObjectModel::loadAll(const std::string& directory) {
+  namespace fs = std::filesystem;
+  std::vector<ManagedObjectModelPtr> models;
+  std::error_code problem;
+  for (fs::directory_iterator file(directory, problem), end; !problem && file != end;
+       file.increment(problem)) {
+    if (file->path().extension() != ".mom") continue;
+    if (auto model = load(file->path().string())) models.push_back(std::move(model));
+  }
+  return models;
 }
 
 const EntityDescription* ManagedObjectModel::entity(std::string_view name) const {

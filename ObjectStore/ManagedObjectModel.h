@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@ struct PropertyDescription {
   std::string name;
   Kind kind = Kind::attribute;
   AttributeType type = AttributeType::string;  // attributes only
+  Value defaultValue;                          // attributes: what rows of a version without it get
   std::string destination;                     // relationships: name of the other entity
   std::string column;                          // "ZEVENTID"; none for a to-many relationship
   std::size_t ordinal = 0;                     // position among the entity's to-one relationships
@@ -41,7 +43,8 @@ class EntityDescription {
   std::size_t toOneCount() const { return toOneCount_; }
   /// Lists of property names that the store keeps an index over.
   const std::vector<std::vector<std::string>>& indexes() const { return indexes_; }
-  /// 16 bytes that change whenever name, attributes, types or relationships do.
+  /// 16 bytes that change whenever name, attributes, types or relationships do; indexes and defaults do not
+  /// count.
   const Data& versionHash() const { return versionHash_; }
 
  private:
@@ -71,7 +74,11 @@ class ManagedObjectModel {
   /// Reads a model file: an XML property list as in Resources/QXStoreModel.momd. Null, with *error of
   /// NSCocoaErrorDomain (260 missing, 259 not a model, naming what is wrong), when it cannot be used.
   static std::shared_ptr<const ManagedObjectModel> load(const std::string& path, ErrorPtr* error = nullptr);
+  /// The versions of a model: every ".mom" file of `directory` that can be used.
+  static std::vector<std::shared_ptr<const ManagedObjectModel>> loadAll(const std::string& directory);
 
+  /// The version's own name: "3"; empty when the file gives none.
+  const std::string& version() const { return version_; }
   /// In the order of their numbers.
   const std::vector<EntityDescription>& entities() const { return entities_; }
   const EntityDescription* entity(std::string_view name) const;
@@ -82,9 +89,14 @@ class ManagedObjectModel {
 
  private:
   friend class ModelReader;
+  std::string version_;
   std::vector<EntityDescription> entities_;
 };
 
 using ManagedObjectModelPtr = std::shared_ptr<const ManagedObjectModel>;
+
+/// Gives the versions of a model that stores may have been made for. Asked only when a store is met that is
+/// not of the present one.
+using ModelVersions = std::function<std::vector<ManagedObjectModelPtr>()>;
 
 }  // namespace qx

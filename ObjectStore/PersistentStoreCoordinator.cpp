@@ -6,6 +6,7 @@
 #include "ObjectStore/SQLiteErrors.h"
 #include "ObjectStore/SQLiteStore.h"
 #include "ObjectStore/StoreFile.h"
+#include "ObjectStore/StoreMigration.h"
 
 namespace qx {
 
@@ -14,8 +15,8 @@ struct PersistentStoreCoordinator::State {
   std::vector<std::shared_ptr<SQLiteStore>> stores;  // guarded by mutex
 };
 
-PersistentStoreCoordinator::PersistentStoreCoordinator(ManagedObjectModelPtr model)
-    : model_(std::move(model)), state_(std::make_unique<State>()) {}
+PersistentStoreCoordinator::PersistentStoreCoordinator(ManagedObjectModelPtr model, ModelVersions versions)
+    : model_(std::move(model)), versions_(std::move(versions)), state_(std::make_unique<State>()) {}
 
 PersistentStoreCoordinator::~PersistentStoreCoordinator() = default;
 
@@ -33,12 +34,12 @@ PersistentStorePtr PersistentStoreCoordinator::addPersistentStore(std::string_vi
   const Value* readOnly = options.find(kReadOnlyPersistentStoreOption);
   const bool mayCreate = readOnly == nullptr || !readOnly->boolValue();
   ErrorPtr problem;
-  auto store = SQLiteStore::open(model_, path, options, &problem);
+  auto store = SQLiteStore::open(model_, versions_, path, options, &problem);
   if (!store && mayCreate && problem && problem->code() == kStoreMissing) {
     problem = nullptr;
     const bool made = SQLiteStore::create(model_, path, nullptr, &problem);
     if (made || (problem && problem->code() == kStoreFileExists))
-      store = SQLiteStore::open(model_, path, options, &problem);
+      store = SQLiteStore::open(model_, versions_, path, options, &problem);
   }
   if (!store) {
     setError(error, problem);
@@ -69,11 +70,16 @@ PersistentStorePtr PersistentStoreCoordinator::migratePersistentStore(const Pers
     return nullptr;
   }
   if (!SQLiteStore::create(model_, path, source->get(), error)) return nullptr;
-  auto migrated = SQLiteStore::open(model_, path, options, error);
+  auto migrated = SQLiteStore::open(model_, versions_, path, options, error);
   if (!migrated) return nullptr;
   stores.erase(source);
   stores.push_back(migrated);
   return migrated;
+}
+
+bool PersistentStoreCoordinator::isOfEarlierVersion(const StoreMetadata& metadata) const {
+  if (model_->isCompatibleWith(metadata)) return false;
+  return earlierVersion(*model_, versions_, metadata) != nullptr;
 }
 
 std::vector<PersistentStorePtr> PersistentStoreCoordinator::persistentStores() const {

@@ -24,7 +24,8 @@ inline constexpr std::string_view kSQLitePragmasOption = "NSSQLitePragmasOption"
 /// true: a file of an earlier model version may be brought up to the model when it is opened...
 inline constexpr std::string_view kMigratePersistentStoresAutomaticallyOption =
     "NSMigratePersistentStoresAutomaticallyOption";
-/// ...by a mapping inferred from the two models. No earlier model is known yet: such a file is refused.
+/// ...by a mapping inferred from the two models: see StoreMigration.h. Both must be true, and the store not
+/// read-only.
 inline constexpr std::string_view kInferMappingModelAutomaticallyOption =
     "NSInferMappingModelAutomaticallyOption";
 
@@ -51,7 +52,8 @@ using PersistentStorePtr = std::shared_ptr<PersistentStore>;
 /// store, 134100 made for another model, 516 there is one already) or NSSQLiteErrorDomain.
 class PersistentStoreCoordinator {
  public:
-  explicit PersistentStoreCoordinator(ManagedObjectModelPtr model);
+  /// `versions`: the model's earlier versions, from which stores may be brought up to it.
+  explicit PersistentStoreCoordinator(ManagedObjectModelPtr model, ModelVersions versions = nullptr);
   ~PersistentStoreCoordinator();
   PersistentStoreCoordinator(const PersistentStoreCoordinator&) = delete;
   PersistentStoreCoordinator& operator=(const PersistentStoreCoordinator&) = delete;
@@ -59,8 +61,9 @@ class PersistentStoreCoordinator {
   const ManagedObjectModelPtr& model() const { return model_; }
 
   /// Opens the file at `path`, or makes an empty store there when there is none (not when read-only). A
-  /// symbolic link, at the end of the path or on the way, is refused (259). Null on failure. A file that
-  /// is open here already gives the same store.
+  /// symbolic link, at the end of the path or on the way, is refused (259). A file of an earlier version of
+  /// the model is brought up to it first, whole or not at all, when the options allow that. Null on failure.
+  /// A file that is open here already gives the same store.
   PersistentStorePtr addPersistentStore(std::string_view type, const std::string& path,
                                         const Dictionary& options, ErrorPtr* error = nullptr);
   /// Closes the store; false when it is not one of this coordinator's.
@@ -73,6 +76,8 @@ class PersistentStoreCoordinator {
                                             const Dictionary& options, std::string_view type,
                                             ErrorPtr* error = nullptr);
   std::vector<PersistentStorePtr> persistentStores() const;
+  /// Whether a store with that metadata can be brought up to the model from one of its earlier versions.
+  bool isOfEarlierVersion(const StoreMetadata& metadata) const;
 
   /// The metadata of the store file at `path`, without opening it as a store. Cheap (two system calls and
   /// one small query) while this process has that very file open. Empty on failure.
@@ -84,7 +89,8 @@ class PersistentStoreCoordinator {
 
  private:
   struct State;
-  ManagedObjectModelPtr model_;
+  const ManagedObjectModelPtr model_;
+  const ModelVersions versions_;
   std::unique_ptr<State> state_;
 };
 

@@ -68,6 +68,41 @@ ErrorPtr storeError(int code, int system, StoreOperation operation, const std::s
   }
 }
 
+bool isPassingFailure(const Error& error) {
+  if (error.domain() == kSQLiteErrorDomain) {
+    switch (error.code() & 0xff) {
+      case SQLITE_PERM:
+      case SQLITE_BUSY:
+      case SQLITE_LOCKED:
+      case SQLITE_NOMEM:
+      case SQLITE_READONLY:
+      case SQLITE_INTERRUPT:
+      case SQLITE_IOERR:
+      case SQLITE_FULL:
+      case SQLITE_CANTOPEN:
+      case SQLITE_PROTOCOL:
+      case SQLITE_AUTH:
+        return true;
+      default:
+        return false;
+    }
+  }
+  if (error.domain() != kCocoaErrorDomain) return false;
+  switch (error.code()) {
+    case kStoreReadFailed:
+    case kStoreNoPermission:
+    case kStoreWriteFailed:
+    case kStoreNoWritePermission:
+    case kStoreOutOfSpace:
+    case kStoreVolumeReadOnly:
+    case kStoreSaveRefused:
+    case kStoreUnusable:
+      return true;
+    default:
+      return false;
+  }
+}
+
 ErrorPtr storeError(sqlite3* connection, StoreOperation operation, const std::string& path) {
   return storeError(sqlite3_extended_errcode(connection), sqlite3_system_errno(connection), operation, path,
                     sqlite3_errmsg(connection));

@@ -29,40 +29,10 @@ const char* columnType(const PropertyDescription& property) {
   return "BLOB";
 }
 
-bool createTable(SQLiteConnection& connection, const EntityDescription& entity) {
-  std::string sql =
-      "CREATE TABLE " + entity.table() + " ( Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER";
-  for (const PropertyDescription& property : entity.properties())
-    if (!property.column.empty()) sql += ", " + property.column + " " + columnType(property);
-  if (!connection.execute(sql + " )")) return false;
-  for (const auto& index : entity.indexes()) {
-    std::string name = "Z_" + entity.name();
-    std::string columns;
-    for (const std::string& key : index) {
-      name += "_" + key;
-      columns += (columns.empty() ? "" : ", ") + entity.properties()[*entity.indexOf(key)].column;
-    }
-    if (!connection.execute("CREATE INDEX " + name + " ON " + entity.table() + " (" + columns + ")"))
-      return false;
-  }
-  SQLiteStatement row =
-      connection.prepare("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, 0, 0)");
-  if (!row) return false;
-  const Value name(entity.name());
-  row.bind(1, std::int64_t{entity.number()});
-  row.bind(2, name);
-  return row.step() == SQLITE_DONE;
-}
-
 bool writeMetadata(SQLiteConnection& connection, const ManagedObjectModel& model) {
   const Value uuid(makeUUID());
-  const Dictionary values{
-      {std::string(kStoreModelVersionHashesKey), model.versionHashes()},
-      {"NSStoreModelVersionHashesVersion", kVersionHashesVersion},
-      {"NSStoreModelVersionIdentifiers", Array{Value("3")}},
-      {std::string(kStoreTypeKey), std::string("SQLite")},
-      {std::string(kStoreUUIDKey), uuid},
-  };
+  Dictionary values{{std::string(kStoreTypeKey), std::string("SQLite")}, {std::string(kStoreUUIDKey), uuid}};
+  describeModel(model, values);
   const auto bytes = writeBinaryPropertyList(values);
   SQLiteStatement row =
       connection.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (?, ?, ?)");
@@ -84,10 +54,50 @@ bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model,
       connection.execute(
           "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)");
   for (const EntityDescription& entity : model.entities())
-    good = good && createTable(connection, entity);
+    good = good && createTable(connection, entity) && addRowNumbers(connection, entity, 0);
   good = good && writeMetadata(connection, model);
   if (!good) setError(error, connection.lastError(StoreOperation::save));
   return good;
+}
+
+bool createTable(SQLiteConnection& connection, const EntityDescription& entity) {
+  std::string sql =
+      "CREATE TABLE " + entity.table() + " ( Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER";
+  for (const PropertyDescription& property : entity.properties())
+    if (!property.column.empty()) sql += ", " + property.column + " " + columnType(property);
+  return connection.execute(sql + " )");
+}
+
+bool createIndexes(SQLiteConnection& connection, const EntityDescription& entity) {
+  for (const auto& index : entity.indexes()) {
+    std::string name = "Z_" + entity.name();
+    std::string columns;
+    for (const std::string& key : index) {
+      name += "_" + key;
+      columns += (columns.empty() ? "" : ", ") + entity.properties()[*entity.indexOf(key)].column;
+    }
+    if (!connection.execute("CREATE INDEX " + name + " ON " + entity.table() + " (" + columns + ")"))
+      return false;
+  }
+  return true;
+}
+
+bool addRowNumbers(SQLiteConnection& connection, const EntityDescription& entity, std::int64_t last) {
+  const Value name(entity.name());
+  SQLiteStatement row =
+      connection.prepare("INSERT INTO Z_PRIMARYKEY (Z_ENT, Z_NAME, Z_SUPER, Z_MAX) VALUES (?, ?, 0, ?)");
+  if (!row) return false;
+  row.bind(1, std::int64_t{entity.number()});
+  row.bind(2, name);
+  row.bind(3, last);
+  return row.step() == SQLITE_DONE;
+}
+
+void describeModel(const ManagedObjectModel& model, Dictionary& metadata) {
+  metadata.set(std::string(kStoreModelVersionHashesKey), model.versionHashes());
+  metadata.set("NSStoreModelVersionHashesVersion", kVersionHashesVersion);
+  metadata.set("NSStoreModelVersionIdentifiers",
+               model.version().empty() ? Array() : Array{Value(model.version())});
 }
 
 bool checkSchema(SQLiteConnection& connection, ErrorPtr* error) {

@@ -7,9 +7,17 @@
 
 namespace qx {
 
-/// Makes the tables and indexes of `model` in an empty file, and its Z_METADATA row with a fresh UUID. In
-/// a transaction of the caller's.
+/// Makes the tables of `model` in an empty file, and its Z_METADATA row with a fresh UUID. Indexes come with
+/// createIndexes(): at the end, when there are rows to write. In a transaction of the caller's.
 bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model, ErrorPtr* error);
+
+// The parts of it. In a transaction of the caller's; false when SQLite fails: see the connection's error.
+bool createTable(SQLiteConnection& connection, const EntityDescription& entity);
+bool createIndexes(SQLiteConnection& connection, const EntityDescription& entity);
+/// The entity's row of Z_PRIMARYKEY; `last` is the last row number that was handed out.
+bool addRowNumbers(SQLiteConnection& connection, const EntityDescription& entity, std::int64_t last);
+/// Writes into `metadata` which model the store is made for.
+void describeModel(const ManagedObjectModel& model, Dictionary& metadata);
 
 /// Refuses (259, naming what) a file whose schema holds more than tables and indexes: a trigger, a view or
 /// a virtual table has no business in a store.

@@ -12,6 +12,7 @@
 #include "ObjectStore/PredicateSQL.h"
 #include "ObjectStore/SQLiteSchema.h"
 #include "ObjectStore/StoreFile.h"
+#include "ObjectStore/StoreMigration.h"
 #include "Platform/Host.h"
 #include "Platform/PropertyList.h"
 
@@ -103,7 +104,8 @@ SQLiteStore::~SQLiteStore() {
   if (file_) OpenStores::shared().dropDead();
 }
 
-std::shared_ptr<SQLiteStore> SQLiteStore::open(const ManagedObjectModelPtr& model, const std::string& path,
+std::shared_ptr<SQLiteStore> SQLiteStore::open(const ManagedObjectModelPtr& model,
+                                               const ModelVersions& versions, const std::string& path,
                                                const Dictionary& options, ErrorPtr* error) {
   const bool readOnly = option(options, kReadOnlyPersistentStoreOption);
   const String mode = journalMode(options);
@@ -120,27 +122,60 @@ std::shared_ptr<SQLiteStore> SQLiteStore::open(const ManagedObjectModelPtr& mode
   std::shared_ptr<SQLiteStore> store(new SQLiteStore(model, std::move(connection)));
   store->readOnly_ = readOnly;
   store->journalMode_ = *mode;
-  if (!store->validate(error)) return nullptr;
-  if (readOnly) return store;
-  // Only now is it known that the connection has the file that stands at the path.
-  const auto after = storeFileIdentity(path, error);
-  if (!after || *after != *before) {
-    if (after) setError(error, storeError(kStoreUnusable, path, "it was replaced while it was opened"));
-    return nullptr;
+  if (!checkSchema(*store->connection_, error)) return nullptr;
+  const auto found = store->metadata(error);
+  if (!found) return nullptr;
+  store->identifier_ = found->uuid;
+  if (!readOnly && !store->keepIdentity(*before, error)) return nullptr;
+  if (!model->isCompatibleWith(*found)) {
+    const bool mayMigrate = !readOnly && option(options, kMigratePersistentStoresAutomaticallyOption) &&
+                            option(options, kInferMappingModelAutomaticallyOption);
+    if (!store->bringUpToDate(*found, mayMigrate ? versions : nullptr, error)) return nullptr;
   }
-  store->writersQueue_ = DirectoryLock::forDirectory(path.substr(0, path.rfind('/')), nullptr);
-  store->file_ = *after;
-  OpenStores::shared().add(*after, store);
+  if (!store->probeTables(error)) return nullptr;
+  if (!readOnly) OpenStores::shared().add(*store->file_, store);
   return store;
 }
 
-bool SQLiteStore::validate(ErrorPtr* error) {
-  if (!checkSchema(*connection_, error)) return false;
+/// Only after the first look at it is it known that the connection has the file that stands at the path.
+bool SQLiteStore::keepIdentity(const FileIdentity& before, ErrorPtr* error) {
+  const auto after = storeFileIdentity(path_, error);
+  if (!after) return false;
+  if (*after != before) {
+    setError(error, storeError(kStoreUnusable, path_, "it was replaced while it was opened"));
+    return false;
+  }
+  writersQueue_ = DirectoryLock::forDirectory(path_.substr(0, path_.rfind('/')), nullptr);
+  file_ = *after;
+  return true;
+}
+
+bool SQLiteStore::refuseModel(const std::string& why, ErrorPtr* error) {
+  setError(error,
+           storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model" + why));
+  return false;
+}
+
+bool SQLiteStore::bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error) {
+  String problem;
+  const auto earlier = earlierVersion(*model_, versions, found, &problem);
+  if (!earlier) return refuseModel(problem ? ", and " + *problem : "", error);
+  const bool migrated = beginWriting(error) && migrateFrom(*earlier, error);
+  rollback();  // what was not committed, and this process's place in the queue
+  return migrated;
+}
+
+bool SQLiteStore::migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error) {
+  // Another process may have done it since the file was opened, or somebody have changed it.
   const auto found = metadata(error);
   if (!found) return false;
-  identifier_ = found->uuid;
-  if (model_->isCompatibleWith(*found)) return probeTables(error);
-  setError(error, storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model"));
+  if (model_->isCompatibleWith(*found)) return true;
+  if (!earlier.isCompatibleWith(*found)) return refuseModel("", error);
+  if (!checkSchema(*connection_, error)) return false;
+  if (!migrateStore(*connection_, earlier, *model_, *found, error)) return false;
+  const auto written = metadata(error);
+  if (written && model_->isCompatibleWith(*written)) return commit(error);
+  if (written) setError(error, storeError(kStoreCorrupt, path_, "its metadata cannot be replaced"));
   return false;
 }
 
@@ -180,6 +215,8 @@ bool SQLiteStore::create(const ManagedObjectModelPtr& model, const std::string& 
     if (!made.execute("BEGIN IMMEDIATE")) return store.fail(StoreOperation::save, error);
     if (!createSchema(made, *model, error)) return false;
     if (rowsOf != nullptr && !store.copyRowsFrom(*rowsOf, error)) return false;
+    for (const EntityDescription& entity : model->entities())
+      if (!createIndexes(made, entity)) return store.fail(StoreOperation::save, error);
     if (!made.execute("COMMIT")) return store.fail(StoreOperation::save, error);
   }
   return file.moveIntoPlace(error);

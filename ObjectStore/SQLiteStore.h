@@ -28,9 +28,11 @@ struct PredicateSQL;
 /// context's lock until it ends.
 class SQLiteStore : public PersistentStore {
  public:
-  /// Opens an existing file. Null on failure (see PersistentStoreCoordinator).
-  static std::shared_ptr<SQLiteStore> open(const ManagedObjectModelPtr& model, const std::string& path,
-                                           const Dictionary& options, ErrorPtr* error);
+  /// Opens an existing file; one that was made for another of the model's `versions` is brought up to `model`
+  /// when the options allow that. Null on failure (see PersistentStoreCoordinator).
+  static std::shared_ptr<SQLiteStore> open(const ManagedObjectModelPtr& model, const ModelVersions& versions,
+                                           const std::string& path, const Dictionary& options,
+                                           ErrorPtr* error);
   /// Makes a new file at `path` with the rows of `rowsOf` (none when null), whole or not at all. 516 when
   /// there is a file; a symbolic link is replaced.
   static bool create(const ManagedObjectModelPtr& model, const std::string& path, SQLiteStore* rowsOf,
@@ -86,7 +88,10 @@ class SQLiteStore : public PersistentStore {
 
  private:
   SQLiteStore(ManagedObjectModelPtr model, std::unique_ptr<SQLiteConnection> connection);
-  bool validate(ErrorPtr* error);
+  bool keepIdentity(const FileIdentity& before, ErrorPtr* error);
+  bool bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error);
+  bool migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error);
+  bool refuseModel(const std::string& why, ErrorPtr* error);
   bool probeTables(ErrorPtr* error);
   bool isQueued();
   void reopenForWriting();

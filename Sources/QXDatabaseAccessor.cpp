@@ -51,7 +51,9 @@ bool QXDatabaseAccessor::initPrivately() {
 
   if (!openEventClassDatabase()) return false;
 
-  m_pCoordinator = std::make_shared<qx::PersistentStoreCoordinator>(m_pModel);
+  m_pCoordinator = std::make_shared<qx::PersistentStoreCoordinator>(m_pModel, [path = *modelPath] {
+    return qx::ManagedObjectModel::loadAll(path.substr(0, path.rfind('/')));
+  });
   m_pContext = std::make_shared<qx::ManagedObjectContext>(m_pCoordinator);
   openStoreAtStart();
 

@@ -87,12 +87,19 @@ class QX_EXPORT QXDatabaseAccessor {
   bool isStoreMetaDataCompatible(qx::ErrorPtr* error);
 
   // Stores of earlier releases.
+  /// The new store with the records of the legacy one; null on failure.
   qx::PersistentStorePtr storeByMigratingFromLegacyEventStore(qx::ErrorPtr* error);
   void removeLegacyEventStore();
+
+  /// Whether the store file is sound and only waits to be brought up to date: a full disk, say, or another
+  /// failure that passes prevented that, or the file was put there since. lock() held.
+  bool isStoreToBeMigrated() const;
 
   // Repair.
   bool handleError(std::int32_t code);
   bool createNewStore(qx::ErrorPtr* error);
+  /// False, too, for a store that is not corrupt but of an earlier version, and could not be brought up to
+  /// date for a reason that passes.
   bool removeCorruptedStore(qx::ErrorPtr* error);
   bool correctPermission(qx::ErrorPtr* error);
   bool updateStoreWithPath(const std::string& path);

@@ -6,6 +6,7 @@
 
 #include <QXEventStoring/Platform/Bundle.h>
 
+#include "ObjectStore/SQLiteErrors.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXDatabaseAccessorLogging.h"
 
@@ -24,7 +25,6 @@ const qx::FileAttributes kStoreFileAttributes{.permissions = 0666, .immutable = 
 
 constexpr std::int64_t kCorruptFileError = 259;
 constexpr std::int64_t kFileExistsError = 516;
-constexpr std::int64_t kOtherModelError = 134100;
 
 qx::Dictionary readOnlyOptions() {
   return {{std::string(qx::kReadOnlyPersistentStoreOption), true}};
@@ -107,8 +107,10 @@ qx::PersistentStorePtr QXDatabaseAccessor::createMissingStore(const std::string&
   QXLogInfo("File does not exist at path the required path[%{public}@]", path);
   if (host.fileExists(host.resolve(kLegacyEventStorePath))) {
     auto store = storeByMigratingFromLegacyEventStore(error);
-    // One of an earlier model version waits for a release that can read it.
-    if (store || loggedCode(*error) != kOtherModelError) removeLegacyEventStore();
+    // A full disk, or another failure that passes, must not cost the records: with the old store removed, or
+    // a fresh one in the new place, no later start would take them over.
+    if (!store && *error && qx::isPassingFailure(**error)) return nullptr;
+    removeLegacyEventStore();
     if (store) return store;
   }
 

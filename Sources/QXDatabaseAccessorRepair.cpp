@@ -7,6 +7,7 @@
 
 #include <QXEventStoring/Platform/Bundle.h>
 
+#include "ObjectStore/SQLiteErrors.h"
 #include "Platform/DistributedNotificationCenter.h"
 #include "Sources/QXDatabaseAccessor.h"
 #include "Sources/QXDatabaseAccessorLogging.h"
@@ -87,6 +88,9 @@ bool QXDatabaseAccessor::handleCorruption() {
 }
 
 bool QXDatabaseAccessor::addStoreDirectly() {
+  // An empty store in the new place would keep the records of the old one from being taken over.
+  const auto& host = qx::Host::current();
+  if (isStoreFileMissing() && host.fileExists(host.resolve(kLegacyEventStorePath))) return false;
   return m_pCoordinator->addPersistentStore(qx::kSQLiteStoreType, storePath(), eventStoreOptions()) !=
          nullptr;
 }
@@ -108,9 +112,15 @@ bool QXDatabaseAccessor::createNewStore(qx::ErrorPtr*) {
   return created;
 }
 
+bool QXDatabaseAccessor::isStoreToBeMigrated() const {
+  if (openingError_ && !qx::isPassingFailure(*openingError_)) return false;
+  const auto metadata = qx::PersistentStoreCoordinator::metadataForPersistentStore(storePath());
+  return metadata && m_pCoordinator->isOfEarlierVersion(*metadata);
+}
+
 bool QXDatabaseAccessor::removeCorruptedStore(qx::ErrorPtr*) {
   const ContextLock guard(*m_pContext);
-  const bool removed = qx::Host::current().removeItem(storePath());
+  const bool removed = !isStoreToBeMigrated() && qx::Host::current().removeItem(storePath());
   QXLogInfo("Remove corrupted store");
   if (m_Store) {
     QXLogInfo("Corrupted store in [removeCorruptedStore]");

@@ -57,6 +57,12 @@ qx::ErrorPtr explained(const qx::ErrorPtr& failure) {
   }
 }
 
+/// Whether the store is of an earlier version and what kept it from being brought up to date may pass.
+bool waitsForMigration(QXDatabaseAccessor& database) {
+  const std::lock_guard lock(database);
+  return database.isStoreToBeMigrated();
+}
+
 bool storeFileExists() {
   return qx::Host::current().fileExists(QXDatabaseAccessor::storePath());
 }
@@ -91,6 +97,8 @@ qx::ErrorPtr QXStoreCoordinator::generateError(const qx::ErrorPtr& storeFailure)
       }
       return diskIsFull() ? QXESErrorProvider::errorWithCode(QXEventStoreErrorDiskFull) : nullptr;
     case kFileCorrupt:
+      if (waitsForMigration(*database) && diskIsFull())
+        return QXESErrorProvider::errorWithCode(QXEventStoreErrorDiskFull);
       QXLogInfo("File corrupted error");
       return QXESErrorProvider::errorWithCode(QXEventStoreErrorCorrupted);
     case kFileMissing:
@@ -162,7 +170,9 @@ QXEventStoreStatus QXStoreCoordinator::status() {
   result.compatible = database->isStoreMetaDataCompatible(&result.problem);
   const std::lock_guard lock(*database);
   result.open = database->isPersistentStoreCreated();
-  if (!result.problem && !result.open) result.problem = database->openingError();
+  const bool isKeptBack =
+      !result.open && database->openingError() && (!result.exists || database->isStoreToBeMigrated());
+  if (isKeptBack || (!result.problem && !result.open)) result.problem = database->openingError();
   if (!result.exists) {
     result.problem = explained(QXEventStoreErrorMissing, result.problem);
   } else if (!result.writable) {

@@ -1,5 +1,7 @@
 #include "ObjectStore/ManagedObjectModel.h"
 
+#include <map>
+
 #include "Tests/ObjectStore/StoreFixture.h"
 
 namespace qx::test {
@@ -47,9 +49,30 @@ TEST(ManagedObjectModel, IsRefusedWithAWordOnWhatIsWrong) {
             std::string::npos);
   EXPECT_NE(problemOf(entity("A", attribute("b", "string") + attribute("B", "string"))).find("column ZB"),
             std::string::npos);
+  EXPECT_NE(problemOf(entity("A",
+                             "<dict><key>name</key><string>b</string><key>type</key><string>integer</string>"
+                             "<key>default</key><string>0</string></dict>"))
+                .find("A.b has a default of another type"),
+            std::string::npos);
   ErrorPtr error;
   EXPECT_EQ(ManagedObjectModel::load(directory / "none.mom", &error), nullptr);
   EXPECT_EQ(error->code(), 260);
+}
+
+TEST(ManagedObjectModel, OfTheProductKeepsTheHashesOfEveryVersion) {
+  // What stores in the field carry. A hash that changes makes them stores of an unknown version.
+  std::map<std::string, std::string> versions;
+  for (const auto& model : ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY)) {
+    std::string& start = versions[model->version()];
+    for (const EntityDescription& entity : model->entities())
+      for (const char byte : entity.versionHash().bytes().substr(0, 2)) {
+        start += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
+        start += "0123456789abcdef"[static_cast<unsigned char>(byte) & 15];
+      }
+  }
+  EXPECT_EQ(versions,
+            (std::map<std::string, std::string>{
+                {"1", "e13212d0f65c"}, {"2", "acecf2f812d05c5e"}, {"3", "ec75acecf2f8df358ae8ec01"}}));
 }
 
 }  // namespace

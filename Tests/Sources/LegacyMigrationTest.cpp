@@ -1,12 +1,39 @@
-// Stores of earlier releases: taken over at the first start, and removed.
+// Stores of earlier releases: taken over at the first start, and removed. Those of earlier versions of the
+// model are brought up to date, there and in the present place.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <csignal>
+
+#include "Tests/ObjectStore/OldStore.h"
 #include "Tests/Sources/AccessorTesting.h"
 #include "Tests/Support/ChildProcess.h"
 
 namespace qx::test {
 namespace {
+
+ManagedObjectModelPtr firstModel() {
+  return ManagedObjectModel::load(
+      Bundle::library().resourcePath("QXStoreModel", "mom", "QXStoreModel.momd").value_or(""));
+}
+
+/// No file can grow past `bytes`, as on a disk that has no more room, while it lives.
+class NoRoom {
+ public:
+  explicit NoRoom(rlim_t bytes) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  NoRoom(const NoRoom&) = delete;
+  NoRoom& operator=(const NoRoom&) = delete;
+  ~NoRoom() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
 
 class LegacyMigration : public AccessorTest {
  protected:
@@ -28,6 +55,67 @@ class LegacyMigration : public AccessorTest {
     ASSERT_GT(fs::file_size(legacy().string() + "-wal"), 0U);
   }
 };
+
+TEST_F(LegacyMigration, BringsAStoreOfTheFirstVersionUpToDateOnTheWay) {
+  constexpr int kEvents = 10'000;
+  fs::create_directories(legacyDirectory());
+  ChildProcess writer(
+      [this](const ChildProcess::Line&) -> int { dieWithLog(firstModel(), legacy(), kEvents); });
+  ASSERT_EQ(writer.exitStatus(), 0);
+  ASSERT_GT(fs::file_size(legacy().string() + "-wal"), 0U);
+  ASSERT_TRUE(accessor().isPersistentStoreCreated());
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), kEvents);
+  const std::lock_guard guard(accessor());
+  const auto last = accessor().getManagedObjects(kEventEntity, key("eventID") == "EVENT-9999");
+  ASSERT_EQ(last->size(), 1U);
+  EXPECT_EQ(last->front()->rowNumber(), kEvents + 1);
+  EXPECT_EQ(last->front()->value(kEventVersionNo), Value(std::int64_t{0}));
+  EXPECT_EQ(last->front()->related(kEventClass)->value(kEventClassID), Value("com.qx.old.class0"));
+  EXPECT_TRUE(accessor().isStoreMetaDataCompatible(nullptr));
+  EXPECT_FALSE(fs::exists(under("/Users/Shared/Vantorix")));
+}
+
+TEST_F(LegacyMigration, KeepsTheRecordsWhenTheDiskIsFull) {
+  fs::create_directories(legacyDirectory());
+  makeOldStore(firstModel(), legacy(), 2'000);
+  {
+    const NoRoom room(64 << 10);
+    EXPECT_FALSE(accessor().isPersistentStoreCreated());
+    const std::lock_guard guard(accessor());
+    ASSERT_NE(accessor().openingError(), nullptr);
+    EXPECT_EQ(accessor().openingError()->code(), 778) << accessor().openingError()->summary();
+    EXPECT_FALSE(accessor().createNewStore(nullptr));
+    EXPECT_TRUE(accessor().handleError(100)) << "as a corrupt store that is not open";
+  }
+  EXPECT_FALSE(fs::exists(store())) << "a fresh store would keep the old one from being taken over";
+  EXPECT_TRUE(fs::exists(legacy()));
+  EXPECT_TRUE(accessor().createNewStore(nullptr));
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), 2'000U);
+  EXPECT_FALSE(fs::exists(under("/Users/Shared/Vantorix")));
+}
+
+TEST_F(LegacyMigration, IsDoneInPlaceForAStoreInThePresentPlace) {
+  fs::create_directories(store().parent_path());
+  makeOldStore(firstModel(), store(), 2'000);
+  {
+    const NoRoom room(64 << 10);
+    EXPECT_FALSE(accessor().isPersistentStoreCreated());
+    ErrorPtr error;
+    EXPECT_FALSE(accessor().isStoreMetaDataCompatible(&error));
+    EXPECT_EQ(error->code(), 259);
+    EXPECT_FALSE(accessor().removeCorruptedStore(nullptr)) << "it is not corrupt";
+    EXPECT_FALSE(accessor().updateStoreWithPath(store()));
+  }
+  EXPECT_TRUE(accessor().updateStoreWithPath(store()));
+  EXPECT_TRUE(accessor().isStoreMetaDataCompatible(nullptr));
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), 2'000U);
+
+  // One that is put there behind an open store.
+  makeOldStore(firstModel(), under("/old"), 5);
+  fs::rename(under("/old"), store());
+  EXPECT_FALSE(accessor().handleError(100));
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), 5U);
+}
 
 TEST_F(LegacyMigration, TakesTheRecordsOverAndLeavesNothingBehind) {
   ASSERT_NO_FATAL_FAILURE(makeLegacyStore());

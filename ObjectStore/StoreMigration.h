@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QXEventStoring/Platform/Error.h>
+
+#include "ObjectStore/ManagedObjectModel.h"
+#include "ObjectStore/SQLiteConnection.h"
+
+namespace qx {
+
+// Bringing a store up to the present version of its model by a mapping that the two versions give by
+// themselves: entities go by name, attributes and to-one relationships by name and type. Added entities start
+// empty, added attributes with their default (null without one); what the present version lacks is dropped.
+
+/// The one of `versions` that a store with that metadata was made for, when a mapping from it to `present`
+/// can be inferred. Otherwise null: the version is unknown, or *problem (when given) says what stands in the
+/// way.
+ManagedObjectModelPtr earlierVersion(const ManagedObjectModel& present, const ModelVersions& versions,
+                                     const StoreMetadata& metadata, String* problem = nullptr);
+
+/// Rewrites a store of `earlier`, whose metadata is `metadata`, as one of `present`, in a write transaction
+/// of the caller's, who rolls back when it fails. Row numbers, values and the store's UUID stay; tables and
+/// indexes are those of a file that is made new. 259 when the file is not what its metadata says it is.
+bool migrateStore(SQLiteConnection& connection, const ManagedObjectModel& earlier,
+                  const ManagedObjectModel& present, const StoreMetadata& metadata, ErrorPtr* error);
+
+}  // namespace qx

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ObjectStore/PredicateFunction.h"
+#include "ObjectStore/PredicateKeys.h"
 #include "ObjectStore/SQLiteErrors.h"
 
 namespace qx {
@@ -44,76 +45,12 @@ struct Column {
   Family family() const { return familyOf(type); }
 };
 
-using KeyPath = std::vector<std::string>;
-
-/// The part of a key path that an object answers itself.
-KeyPath withoutOperators(const KeyPath& components) {
-  const auto isOperator = [](const std::string& component) { return component.starts_with('@'); };
-  return {components.begin(), std::find_if(components.begin(), components.end(), isOperator)};
-}
-
 std::string dotted(const KeyPath& keyPath) {
   std::string text;
   for (const std::string& component : keyPath)
     text += (text.empty() ? "" : ".") + component;
   return text;
 }
-
-/// The keys that an expression or a predicate asks its subject for, each once. An empty one is SELF.
-class KeyCollector {
- public:
-  static std::vector<KeyPath> keysOf(const Expression& expression) {
-    KeyCollector collector;
-    collector.expressions_ = {&expression};
-    return collector.run();
-  }
-  static std::vector<KeyPath> keysOf(const Predicate& predicate) {
-    KeyCollector collector;
-    collector.predicates_ = {&predicate};
-    return collector.run();
-  }
-
- private:
-  std::vector<KeyPath> run() {
-    // Its own stack: predicates in subqueries can be built as deep as any.
-    while (!expressions_.empty() || !predicates_.empty()) {
-      if (!expressions_.empty())
-        visit(*expressions_.back());
-      else
-        visit(*predicates_.back());
-    }
-    return std::move(keys_);
-  }
-
-  void visit(const Predicate& predicate) {
-    predicates_.pop_back();
-    for (const PredicatePtr& member : predicate.members())
-      predicates_.push_back(member.get());
-    if (predicate.kind() != Predicate::Kind::comparison) return;
-    expressions_.push_back(predicate.left().get());
-    expressions_.push_back(predicate.right().get());
-  }
-
-  void visit(const Expression& expression) {
-    expressions_.pop_back();
-    const bool isOfSelf =
-        expression.kind() == Expression::Kind::path && expression.base()->kind() == Expression::Kind::self;
-    if (expression.kind() == Expression::Kind::keyPath || isOfSelf)
-      return note(withoutOperators(expression.components()));
-    if (expression.kind() == Expression::Kind::self) return note({});
-    for (const ExpressionPtr& member : expression.members())
-      expressions_.push_back(member.get());
-    if (expression.predicate() != nullptr) predicates_.push_back(expression.predicate().get());
-  }
-
-  void note(KeyPath key) {
-    if (std::find(keys_.begin(), keys_.end(), key) == keys_.end()) keys_.push_back(std::move(key));
-  }
-
-  std::vector<const Expression*> expressions_;
-  std::vector<const Predicate*> predicates_;
-  std::vector<KeyPath> keys_;
-};
 
 using Operator = Predicate::Operator;
 
@@ -208,7 +145,8 @@ class Compiler {
   std::string& sql() { return result_.condition; }
 
   void write(const Predicate& predicate, bool negated) {
-    isTooLarge_ = isTooLarge_ || ++depth_ > kDeepestPredicate;
+    ++depth_;
+    isTooLarge_ = isTooLarge_ || depth_ > kDeepestPredicate || result_.parameters.size() > kMostParameters;
     if (problem_.empty() && !isTooLarge_) writeKind(predicate, negated);
     --depth_;
   }
@@ -266,7 +204,7 @@ class Compiler {
 
   /// Leaves all of it to the evaluator.
   void writeCondition(const Predicate& predicate) {
-    const std::vector<KeyPath> keys = KeyCollector::keysOf(predicate);
+    const std::vector<KeyPath> keys = keysOf(predicate);
     if (keys.empty()) {
       sql() += truth(predicate.evaluate(NoSubject()));
       return;
@@ -312,7 +250,7 @@ class Compiler {
   void read(const Expression& expression, Side& side) {
     if (expression.kind() == Expression::Kind::constant) {
       side.value = &expression.value();
-    } else if (KeyCollector::keysOf(expression).empty()) {
+    } else if (keysOf(expression).empty()) {
       side.storage = expression.evaluate(NoSubject());
       side.value = &side.storage;
     } else if (expression.kind() == Expression::Kind::keyPath &&

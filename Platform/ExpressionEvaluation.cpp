@@ -263,6 +263,7 @@ const Value& valueOfVariable(const std::string& name, const EvaluationScope& sco
 /// Expressions nest at most Expression::kDeepest levels deep: those that hold others are told apart in small
 /// functions, so that a level takes little of the stack.
 Value evaluate(const Expression& expression, const EvaluationScope& scope) {
+  if (!scope.budget->take(1)) return {};
   switch (expression.kind()) {
     case Expression::Kind::keyPath:
       return valueOfKeys(expression.components(), scope);

@@ -12,7 +12,7 @@ namespace {
 constexpr char32_t kAnyCharacter = 0xFFFFFFFF;
 constexpr std::size_t kNone = std::string_view::npos;
 /// Comparisons of characters that one match may take.
-constexpr std::size_t kMostSteps = 50'000'000;
+constexpr std::size_t kMostSteps = 20'000'000;
 
 /// Matches pieces of a pattern at places of one text.
 template <class Unit>

@@ -395,6 +395,10 @@ TEST(PredicateEvaluation, EndsWhateverTheSubqueries) {
                                 Predicate::comparison(deep, Operator::equal, variable("x")));
   EXPECT_LE(deep->depth(), Expression::kDeepest);
   deep->evaluate(subject);
+  ExpressionPtr doubled = k("list");
+  for (int level = 1; level < Expression::kDeepest; ++level)
+    doubled = Expression::arithmetic(doubled, Operation::add, doubled);
+  EXPECT_TRUE(doubled->evaluate(subject).isNull());
 }
 
 }  // namespace

@@ -252,11 +252,10 @@ std::optional<ManagedObjects> ManagedObjectContext::fetch(std::string_view name,
   };
   if (!store->fetch(*entity, predicate.get(), collect, error)) return std::nullopt;
   const auto& changes = registry_->changes(*entity);
-  if (changes.empty()) return result;
-  const std::size_t fromFile = result.size();
   for (const auto& object : changes.updated)
     if (object->fetched_ != fetches_ && isSelected(*object)) result.push_back(object);
-  if (result.size() != fromFile) std::sort(result.begin(), result.end(), byRowNumber);
+  if (!std::is_sorted(result.begin(), result.end(), byRowNumber))
+    std::sort(result.begin(), result.end(), byRowNumber);
   for (const auto& object : changes.inserted)
     if (isSelected(*object)) result.push_back(object);
   return result;

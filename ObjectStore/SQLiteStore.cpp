@@ -85,6 +85,25 @@ auto rising() {
   };
 }
 
+/// For rows that come in any order: whether this one was not there yet. Remembers single rows only from
+/// the first on that is not in the order of the numbers.
+class Distinct {
+ public:
+  bool operator()(std::int64_t row) {
+    if (seen_.empty() && row > (inOrder_.empty() ? kLowest : inOrder_.back())) {
+      inOrder_.push_back(row);
+      return true;
+    }
+    if (seen_.empty()) seen_.insert(inOrder_.begin(), inOrder_.end());
+    return seen_.insert(row).second;
+  }
+
+ private:
+  static constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+  std::vector<std::int64_t> inOrder_;
+  std::unordered_set<std::int64_t> seen_;
+};
+
 constexpr std::string_view kMetadataSQL = "SELECT Z_UUID, Z_PLIST FROM Z_METADATA ORDER BY Z_VERSION LIMIT 1";
 constexpr std::chrono::milliseconds kQueuePatience{Host::kPatienceMilliseconds};
 
@@ -305,8 +324,9 @@ bool SQLiteStore::fetch(const EntityDescription& entity, const Predicate* predic
     return runFetch(entity, sql(entity).select + " ORDER BY t0.Z_PK", {}, rising(), handler, error);
   const auto compiled = PredicateSQL::compile(*predicate, entity, *model_, error);
   if (!compiled) return false;
-  return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition + " ORDER BY t0.Z_PK",
-                  compiled->parameters, rising(), handler, error);
+  // Without an order: for one SQLite would rather go through all rows than use an index over a range.
+  return runFetch(entity, sql(entity).select + " WHERE " + compiled->condition, compiled->parameters,
+                  Distinct(), handler, error);
 }
 
 bool SQLiteStore::fetchRow(const EntityDescription& entity, std::int64_t row, const RowHandler& handler,
@@ -345,12 +365,10 @@ bool SQLiteStore::fetchLargest(const EntityDescription& entity, const Predicate*
   }
   const Value limit(std::min<std::uint64_t>(most, std::numeric_limits<std::int64_t>::max()));
   selection.parameters.push_back(limit);
-  std::unordered_set<std::int64_t> seen;
-  return runFetch(
-      entity,
-      sql(entity).select + " WHERE " + selection.condition + " ORDER BY t0." +
-          entity.properties()[property].column + " DESC, t0.Z_PK DESC LIMIT ?",
-      selection.parameters, [&](std::int64_t row) { return seen.insert(row).second; }, handler, error);
+  return runFetch(entity,
+                  sql(entity).select + " WHERE " + selection.condition + " ORDER BY t0." +
+                      entity.properties()[property].column + " DESC, t0.Z_PK DESC LIMIT ?",
+                  selection.parameters, Distinct(), handler, error);
 }
 
 std::optional<std::vector<std::string>> SQLiteStore::distinctStrings(const EntityDescription& entity,

@@ -51,8 +51,8 @@ class SQLiteStore : public PersistentStore {
 
   // Reading.
   using RowHandler = std::function<void(const FetchedRow&)>;
-  /// Calls `handler` for each row that `predicate` selects, in row order, with its related rows. The
-  /// handler must not call the store.
+  /// Calls `handler` for each row that `predicate` selects, with its related rows: in row order without a
+  /// predicate, in any order with one. The handler must not call the store.
   bool fetch(const EntityDescription& entity, const Predicate* predicate, const RowHandler& handler,
              ErrorPtr* error);
   /// The same for one row number; true, with no call, when there is no such row.

@@ -66,8 +66,8 @@ class QX_EXPORT QXDatabaseAccessor {
   qx::ManagedObjectContext& context() { return *m_pContext; }
 
   bool isPersistentStoreCreated() const;
-  /// The same, unlogged. lock() held.
-  bool hasStore() const { return m_Store != nullptr; }
+  /// Whether there is a store that the record operations work on. lock() held.
+  bool hasStore() const { return m_pCoordinator->workingStore() != nullptr; }
   /// Why the store is not open; null when it is. lock() held.
   const qx::ErrorPtr& openingError() const { return openingError_; }
   /// Whether the store's directories can be written, or made.

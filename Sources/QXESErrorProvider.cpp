@@ -79,8 +79,12 @@ qx::ErrorPtr QXESErrorProvider::errorWithCode(std::int64_t code) {
   return qx::Error::make(QXEventStoreErrorDomain, code);
 }
 
-qx::ErrorPtr QXESErrorProvider::errorWithDescription(std::int64_t code, std::string description) {
-  return qx::Error::make(QXEventStoreErrorDomain, code, std::move(description));
+qx::ErrorPtr QXESErrorProvider::errorWithDescription(std::int64_t code, std::string description,
+                                                     qx::ErrorPtr underlying) {
+  qx::Error::Details details;
+  details.description = std::move(description);
+  details.underlying = std::move(underlying);
+  return qx::Error::make(QXEventStoreErrorDomain, code, std::move(details));
 }
 
 // A text may name the directory "/Users/Shared" to the user. Directories have no localized names here: what

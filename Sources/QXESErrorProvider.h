@@ -24,8 +24,10 @@ class QXESErrorProvider {
   /// The error of that code with its localized texts; those that a user can do something about carry
   /// recovery options. A code outside -999 to -993 gives an error without texts.
   static qx::ErrorPtr errorWithCode(std::int64_t code);
-  /// An error of the domain with a fixed English description and nothing else.
-  static qx::ErrorPtr errorWithDescription(std::int64_t code, std::string description);
+  /// An error of the domain with a fixed English description and, where there is one, the error underneath;
+  /// nothing else.
+  static qx::ErrorPtr errorWithDescription(std::int64_t code, std::string description,
+                                           qx::ErrorPtr underlying = nullptr);
   /// The text of `key` in the user's language; the key itself when there is none.
   static std::string getLocalizedStringForKey(const std::string& key);
 };

@@ -38,6 +38,12 @@ bool refuse(qx::ErrorPtr* error, std::int64_t code, const char* description) {
   return false;
 }
 
+/// The same for a query that could not be run, over what the slot says of the reason.
+void refuseQuery(qx::ErrorPtr* error) {
+  if (error == nullptr) return;
+  *error = QXESErrorProvider::errorWithDescription(QXEventStoreErrorInvalidQuery, kInvalidInputs, *error);
+}
+
 qx::Dictionary announcement(qx::Value eventIDs, std::int64_t mask) {
   return {{std::string(QXEventStoreChangedEventIDKey), std::move(eventIDs)},
           {std::string(QXEventStoreChangeKey), mask},
@@ -225,14 +231,14 @@ std::optional<std::vector<QXEventStoreBlock>> QXEventStore::blocks(qx::ErrorPtr*
 std::optional<std::vector<QXEventPtr>> QXEventStore::eventsWithPredicate(const qx::PredicatePtr& predicate,
                                                                          qx::ErrorPtr* error) {
   auto result = QXStoreCoordinator::sharedInstance().eventsWithPredicate(predicate, error);
-  if (!result) refuse(error, QXEventStoreErrorInvalidQuery, kInvalidInputs);
+  if (!result) refuseQuery(error);
   return result;
 }
 
 std::optional<std::vector<QXEventPtr>> QXEventStore::newestEventsWithPredicate(
     const qx::PredicatePtr& predicate, std::uint64_t most, qx::ErrorPtr* error) {
   auto result = QXStoreCoordinator::sharedInstance().newestEventsWithPredicate(predicate, most, error);
-  if (!result) refuse(error, QXEventStoreErrorInvalidQuery, kInvalidInputs);
+  if (!result) refuseQuery(error);
   return result;
 }
 

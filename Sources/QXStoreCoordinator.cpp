@@ -64,8 +64,10 @@ qx::ErrorPtr QXStoreCoordinator::noStackError() {
 
 qx::ManagedObjects QXStoreCoordinator::allObjects(std::string_view entity,
                                                   const qx::PredicatePtr& predicate) {
+  QXDatabaseAccessor* const database = accessor();
+  if (database == nullptr) return {};
   qx::ErrorPtr failure;
-  auto objects = accessor()->context().fetch(entity, predicate, &failure);
+  auto objects = database->context().fetch(entity, predicate, &failure);
   if (!objects && !lookUpFailure_) lookUpFailure_ = failure;
   return std::move(objects).value_or(qx::ManagedObjects());
 }

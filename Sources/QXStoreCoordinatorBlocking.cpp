@@ -60,6 +60,11 @@ bool QXStoreCoordinator::blockEventClass(const qx::String& classID, const qx::St
                                          qx::ErrorPtr*) {
   QXDatabaseAccessor* const database = accessor();
   if (database == nullptr) return false;
+  {
+    // What is blocked already needs no place among those who write.
+    const std::lock_guard lock(*database);
+    if (firstObject(kBlockedEventEntity, pair(classID, fromSourceID))) return true;
+  }
   const ChangeScope change(*this, *database);
   if (firstObject(kBlockedEventEntity, pair(classID, fromSourceID))) return true;
   const qx::ManagedObjectPtr row = database->createManagedObject(kBlockedEventEntity);

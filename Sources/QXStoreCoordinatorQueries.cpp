@@ -21,6 +21,7 @@
 #include "Sources/StringUUID.h"
 
 using qx::coordinator::both;
+using qx::coordinator::differs;
 using qx::coordinator::equals;
 using qx::coordinator::strings;
 
@@ -188,11 +189,9 @@ std::uint64_t QXStoreCoordinator::countOfEventsForPredicate(const qx::PredicateP
     return kFailed;
   }
   const auto refuse = [&](qx::ErrorPtr reason) {
-    qx::Error::Details details;
-    details.description = "Failed operation due to invalid input parameters";
-    details.underlying = std::move(reason);
-    qx::setError(error,
-                 qx::Error::make(QXEventStoreErrorDomain, QXEventStoreErrorInvalidQuery, std::move(details)));
+    qx::setError(error, QXESErrorProvider::errorWithDescription(
+                            QXEventStoreErrorInvalidQuery, "Failed operation due to invalid input parameters",
+                            std::move(reason)));
     return kFailed;
   };
   qx::ErrorPtr failure;
@@ -278,18 +277,28 @@ std::vector<QXEventSourcePtr> QXStoreCoordinator::eventSources() {
   std::vector<QXEventSourcePtr> result;
   const std::lock_guard lock(*database);
   Conditions conditions;
-  if (Conditions blocks = wholeBlockPredicates(); !blocks.empty()) {
-    conditions.push_back(qx::Predicate::negation(qx::Predicate::disjunction(std::move(blocks))));
+  if (std::vector<std::string> classes = blockedEventClasses(); !classes.empty()) {
+    conditions.push_back(qx::Predicate::negation(isIn(kEventClassIDRelation, std::move(classes))));
   }
   if (qx::PredicatePtr partly = withoutPartialBlocks(); !partly->members().empty()) {
     conditions.push_back(std::move(partly));
   }
+  // A block of nothing in particular is one of the events that have no class.
+  if (firstObject(kBlockedEventEntity,
+                  both(equals(kBlockedEventClassID, nullptr), equals(kBlockedSourceID, nullptr)))) {
+    conditions.push_back(differs(kEventClassIDRelation, nullptr));
+  }
   const auto identifiers =
       database->context().distinctStrings(kEventEntity, kEventSourceID, allOf(std::move(conditions)));
   if (!identifiers) return {};
-  result.reserve(identifiers->size());
+  // Whole sources go here and not in the query, which would look at all of their events to find none.
+  const std::vector<std::string> blocked = blockedSourceIds();
+  const std::unordered_set<std::string_view> isBlocked(blocked.begin(), blocked.end());
+  std::unordered_set<const QXEventSource*> listed;
   for (const std::string& identifier : *identifiers) {
-    if (QXEventSourcePtr source = sourceWithID(identifier)) result.push_back(std::move(source));
+    if (isBlocked.contains(identifier)) continue;
+    QXEventSourcePtr source = sourceWithID(identifier);
+    if (source && listed.insert(source.get()).second) result.push_back(std::move(source));
   }
   return result;
 }

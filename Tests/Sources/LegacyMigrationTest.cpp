@@ -6,6 +6,8 @@
 
 #include <csignal>
 
+#include <QXEventStoring/Platform/PredicateBuilder.h>
+
 #include "Tests/ObjectStore/OldStore.h"
 #include "Tests/Sources/AccessorTesting.h"
 #include "Tests/Support/ChildProcess.h"

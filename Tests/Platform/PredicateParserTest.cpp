@@ -12,7 +12,6 @@ namespace qx {
 namespace {
 
 using test::message;
-using test::printed;
 using test::repeated;
 
 TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
@@ -170,11 +169,13 @@ TEST(PredicateParser, ReadsWhatItPrintsAtTheDeepestLevelThatItAccepts) {
       {"a == 1 OR b == 1 AND 0 < SUBQUERY(a, $x, ", ").@count"},
   };
   for (const Shell& shell : shells) {
-    const auto read = [&shell](std::size_t levels) {
-      const std::string before = repeated(levels, shell.before);
-      const std::string after = repeated(levels, shell.after);
-      const PredicatePtr compared = Predicate::withFormat(before + "z" + after + " == 1");
-      return compared != nullptr ? compared : Predicate::withFormat(before + "z == 1" + after);
+    const auto wrapped = [&shell](std::size_t levels, std::string text) {
+      text.insert(0, repeated(levels, shell.before));
+      return text += repeated(levels, shell.after);
+    };
+    const auto read = [&wrapped](std::size_t levels) {
+      const PredicatePtr compared = Predicate::withFormat(wrapped(levels, "z") += " == 1");
+      return compared != nullptr ? compared : Predicate::withFormat(wrapped(levels, "z == 1"));
     };
     std::size_t levels = 1;
     while (levels <= 201 && read(levels + 1) != nullptr)

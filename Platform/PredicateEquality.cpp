@@ -28,6 +28,8 @@ bool sameNode(const Predicate& a, const Predicate& b) {
 bool operator==(const Expression& a, const Expression& b) {
   if (a.kind_ != b.kind_ || a.operation_ != b.operation_ || a.element_ != b.element_) return false;
   if (a.depth_ != b.depth_ || a.name_ != b.name_ || a.components_ != b.components_) return false;
+  // The only place where it matters whether a number is an integer, which == does not tell.
+  if (a.kind_ == Expression::Kind::arithmetic && a.format() != b.format()) return false;
   if (!(a.value_ == b.value_) || !sameExpressions(a.members_, b.members_)) return false;
   return a.predicate_ == b.predicate_ || (a.predicate_ && b.predicate_ && *a.predicate_ == *b.predicate_);
 }

@@ -3,6 +3,9 @@
 // always, the outermost predicate never. Numbers are written with std::to_chars, since a process may run
 // in a decimal-comma locale.
 //
+// A real without a fraction is printed as an integer, but not in arithmetic, where 1 / 2 is 0 and 1 / 2.0 is
+// not.
+//
 // What withFormat() made can be read back and means the same, but for constants that the language has no
 // literal for: data and dictionaries are printed for people.
 
@@ -30,15 +33,17 @@ void appendNumber(std::string& out, Format... numberAndFormat) {
   out.append(buffer.data(), result.ptr);
 }
 
-void appendReal(std::string& out, double value) {
-  if (value == 0) return appendNumber(out, 0);  // -0 would come back as the integer 0
+/// `keepsKind`: so that a real is read back.
+void appendReal(std::string& out, double value, bool keepsKind) {
+  if (value == 0 && !keepsKind) return appendNumber(out, 0);  // -0 would come back as the integer 0
   if (std::isinf(value)) {
     out += value < 0 ? "-1e999" : "1e999";  // read as infinity; "inf" would be a key
     return;
   }
   const double magnitude = std::abs(value);
   const bool fixed = magnitude >= 1e-4 && magnitude < 1e16;
-  appendNumber(out, value, fixed ? std::chars_format::fixed : std::chars_format::scientific);
+  appendNumber(out, value, fixed || value == 0 ? std::chars_format::fixed : std::chars_format::scientific);
+  if (keepsKind && (fixed || value == 0) && value == std::trunc(value)) out += ".0";
 }
 
 void appendDate(std::string& out, Date date) {
@@ -69,7 +74,7 @@ void appendList(std::string& out, const Members& members, Append append) {
   out += '}';
 }
 
-void appendConstant(std::string& out, const Value& value) {
+void appendConstant(std::string& out, const Value& value, bool keepsKind) {
   switch (value.kind()) {
     case Value::Kind::null:
       out += "nil";
@@ -82,13 +87,15 @@ void appendConstant(std::string& out, const Value& value) {
     case Value::Kind::unsignedInteger:
       return appendNumber(out, *value.asUnsigned());
     case Value::Kind::real:
-      return appendReal(out, *value.asReal());
+      return appendReal(out, *value.asReal(), keepsKind);
     case Value::Kind::date:
       return appendDate(out, *value.asDate());
     case Value::Kind::string:
       return appendString(out, *value.asString());
     case Value::Kind::array:
-      return appendList(out, *value.asArray(), appendConstant);
+      return appendList(out, *value.asArray(), [keepsKind](std::string& text, const Value& member) {
+        appendConstant(text, member, keepsKind);
+      });
     case Value::Kind::data:
     case Value::Kind::dictionary:
       out += value.description();
@@ -124,32 +131,32 @@ std::string_view spelling(Expression::Operation operation) {
   return {};
 }
 
-void appendExpression(std::string& out, const Expression& expression);
+void appendExpression(std::string& out, const Expression& expression, bool keepsKind = false);
 void appendPredicate(std::string& out, const Predicate& root);
 
-void appendMember(std::string& out, const Expression& expression, std::size_t member) {
+void appendMember(std::string& out, const Expression& expression, std::size_t member, bool keepsKind) {
   const bool parenthesised = detail::isParenthesised(expression, member);
   if (parenthesised) out += '(';
-  appendExpression(out, *expression.members()[member]);
+  appendExpression(out, *expression.members()[member], keepsKind);
   if (parenthesised) out += ')';
 }
 
 void appendArithmetic(std::string& out, const Expression& expression) {
   if (expression.operation() == Expression::Operation::negate) {
     out += spelling(expression.operation());
-    return appendMember(out, expression, 0);
+    return appendMember(out, expression, 0, true);
   }
-  appendMember(out, expression, 0);
+  appendMember(out, expression, 0, true);
   out += spelling(expression.operation());
-  appendMember(out, expression, 1);
+  appendMember(out, expression, 1, true);
 }
 
-void appendElement(std::string& out, const Expression& expression) {
-  appendMember(out, expression, 0);
+void appendElement(std::string& out, const Expression& expression, bool keepsKind) {
+  appendMember(out, expression, 0, keepsKind);
   switch (expression.element()) {
     case Expression::Element::at:
       out += '[';
-      appendMember(out, expression, 1);
+      appendMember(out, expression, 1, false);
       out += ']';
       return;
     case Expression::Element::first:
@@ -164,9 +171,9 @@ void appendElement(std::string& out, const Expression& expression) {
   }
 }
 
-void appendSubquery(std::string& out, const Expression& expression) {
+void appendSubquery(std::string& out, const Expression& expression, bool keepsKind) {
   out += "SUBQUERY(";
-  appendExpression(out, *expression.base());
+  appendExpression(out, *expression.base(), keepsKind);
   out += ", $";
   out += expression.name();
   out += ", ";
@@ -174,19 +181,20 @@ void appendSubquery(std::string& out, const Expression& expression) {
   out += ')';
 }
 
-void appendExpression(std::string& out, const Expression& expression) {
+void appendExpression(std::string& out, const Expression& expression, bool keepsKind) {
   switch (expression.kind()) {
     case Expression::Kind::constant:
-      return appendConstant(out, expression.value());
+      return appendConstant(out, expression.value(), keepsKind);
     case Expression::Kind::keyPath:
       return appendComponents(out, expression.components());
     case Expression::Kind::self:
       out += "SELF";
       return;
     case Expression::Kind::aggregate:
-      return appendList(out, expression.members(), [](std::string& text, const ExpressionPtr& member) {
-        appendExpression(text, *member);
-      });
+      return appendList(out, expression.members(),
+                        [keepsKind](std::string& text, const ExpressionPtr& member) {
+                          appendExpression(text, *member, keepsKind);
+                        });
     case Expression::Kind::variable:
       out += '$';
       out += expression.name();
@@ -194,13 +202,13 @@ void appendExpression(std::string& out, const Expression& expression) {
     case Expression::Kind::arithmetic:
       return appendArithmetic(out, expression);
     case Expression::Kind::element:
-      return appendElement(out, expression);
+      return appendElement(out, expression, keepsKind);
     case Expression::Kind::path:
-      appendMember(out, expression, 0);
+      appendMember(out, expression, 0, keepsKind);
       out += '.';
       return appendComponents(out, expression.components());
     case Expression::Kind::subquery:
-      return appendSubquery(out, expression);
+      return appendSubquery(out, expression, keepsKind);
   }
 }
 

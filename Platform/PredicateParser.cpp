@@ -1,6 +1,7 @@
 // Predicates: connectives, comparisons and what may stand on their right, and the errors of the parser.
 
 #include "Platform/PredicateParser.h"
+#include "Platform/TextPattern.h"
 
 #include <algorithm>
 #include <array>
@@ -67,6 +68,11 @@ std::string misfit(Predicate::Operator op, const Expression& right) {
     const Value::Kind kind = right.value().kind();
     const bool searchable = kind == Value::Kind::dictionary || kind == Value::Kind::string;
     if (list == nullptr && !searchable) return "IN needs a list, a string or a key on its right";
+  }
+  const std::string* const text = constant ? right.value().asString() : nullptr;
+  if (op == Predicate::Operator::matches && text != nullptr) {
+    const std::string problem = regularExpressionProblem(*text);
+    if (!problem.empty()) return "the regular expression cannot be used: " + problem;
   }
   return {};
 }

@@ -309,6 +309,7 @@ TEST_F(PredicateSQLTest, SelectsWhatTheEvaluatorSelectsMissingValuesIncluded) {
   const auto everything = stack.context.fetch("QXEvent", nullptr);
   ASSERT_EQ(everything->size(), 200U);
   std::size_t decided = 0;
+  std::size_t readable = 0;
   for (int round = 0; round < 1500; ++round) {
     const PredicatePtr predicate = PredicateMaker(random).make(3);
     ManagedObjects expected;
@@ -320,8 +321,14 @@ TEST_F(PredicateSQLTest, SelectsWhatTheEvaluatorSelectsMissingValuesIncluded) {
     ASSERT_EQ(*found, expected) << round << " " << predicate->predicateFormat() << compiled(predicate);
     ASSERT_EQ(stack.context.count("QXEvent", predicate), expected.size()) << predicate->predicateFormat();
     if (!expected.empty() && expected.size() != everything->size()) ++decided;
+    const PredicatePtr readBack = Predicate::withFormat(predicate->predicateFormat());
+    // It may hold what has no literal, or what is no regular expression.
+    if (readBack == nullptr || !(*readBack == *predicate)) continue;
+    ++readable;
+    ASSERT_EQ(*stack.context.fetch("QXEvent", readBack), expected) << predicate->predicateFormat();
   }
   EXPECT_GT(decided, 400U);  // else they say little
+  EXPECT_GT(readable, 1000U);
 }
 
 TEST_F(PredicateSQLTest, TakesListsOfAnyLength) {

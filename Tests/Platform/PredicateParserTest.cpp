@@ -86,6 +86,8 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a uti-conforms-to 'x'", 2, "\"UTI-CONFORMS-TO\" is not supported"},
       {"a UTI-equals 'x'", 2, "\"UTI-EQUALS\" is not supported"},
       {"ANYKEY == 1", 0, "\"ANYKEY\" is not supported"},
+      {"a MATCHES 'x{0'", 10, "U_REGEX_BAD_INTERVAL at byte 3"},
+      {"a MATCHES %@", 10, "the regular expression cannot be used", {"(("}},
       {"a == CAST(b, 'NSDate')", 10, "needs a number"},
       {"a == CAST('1', 'NSDate')", 10, "needs a number"},
       {"a == CAST(1, 'NSNumber')", 13, "not supported"},

@@ -101,6 +101,8 @@ class Generator {
 
   ExpressionPtr rightSide(Operator op, int depth) {
     if (op == Operator::between) return Expression::aggregate({expression(depth), expression(depth)});
+    if (op == Operator::matches)
+      return Expression::constant(pick(2) == 0 ? "^a\\.\"[b\n]*$" : "(?i)grün{1,2}");
     if (op != Operator::in) return expression(depth);
     return Expression::constant(pick(2) == 0 ? Value(text()) : Value(Array{value(), value(), value()}));
   }

@@ -255,7 +255,7 @@ TEST_F(Qxevents, ListsNewestFirstAndFilters) {
       {{"--source", "QXD82K4410", "--class", "no such class"}, "0"},
       {{"--where", "SourceID IN {'QXD82K4410', 'QXL60N3321'} AND NOT EventReadStatus == YES"}, "27"},
       {{"--where", "EventSolutionStatus != 1 OR 1 == EventSolutionStatus"}, "400"},
-      {{"--where", "EventSolutionStatus == NO", "--unread"}, "47"},
+      {{"--where", "EventSolutionStatus == NO", "--unread"}, "88"},
       {{"--where", "EventTriggerTime < \"2026-11-02T00:00:00.001Z\" or EventSeverity + 1 > 4"}, "2"},
       {{"--where", "EventClassID ENDSWITH[c] 'RÉSEAU.LENT'"}, "1"},
       {{"--where", "SourceID == \"'); DROP TABLE ZQXEVENT; --\""}, "0"},

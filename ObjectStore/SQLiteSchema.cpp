@@ -73,11 +73,12 @@ bool createIndexes(SQLiteConnection& connection, const EntityDescription& entity
     std::string name = "Z_" + entity.name();
     std::string columns;
     for (const std::string& key : index) {
-      name += "_" + key;
-      columns += (columns.empty() ? "" : ", ") + entity.properties()[*entity.indexOf(key)].column;
+      name.append("_").append(key);
+      columns.append(columns.empty() ? "" : ", ").append(entity.properties()[*entity.indexOf(key)].column);
     }
-    if (!connection.execute("CREATE INDEX " + name + " ON " + entity.table() + " (" + columns + ")"))
-      return false;
+    std::string sql = "CREATE INDEX ";
+    sql.append(name).append(" ON ").append(entity.table()).append(" (").append(columns).append(")");
+    if (!connection.execute(sql)) return false;
   }
   return true;
 }

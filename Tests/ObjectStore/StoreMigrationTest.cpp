@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -413,13 +414,12 @@ TEST(ConcurrentStoreMigration, IsDoneByOneOfTheProcessesThatOpenTheStoreAtOnce) 
       Opened stack(path);
       return stack.store && stack.context.count("QXEvent", nullptr) == 7 ? 0 : 1;
     };
-    std::vector<std::unique_ptr<ChildProcess>> processes;
-    for (int i = 0; i < 4; ++i)
-      processes.push_back(std::make_unique<ChildProcess>(open));
-    for (const auto& process : processes)
-      process->line().signal();
-    for (const auto& process : processes)
-      EXPECT_EQ(process->exitStatus(), 0);
+    std::array<ChildProcess, 4> processes{ChildProcess(open), ChildProcess(open), ChildProcess(open),
+                                          ChildProcess(open)};
+    for (const ChildProcess& process : processes)
+      process.line().signal();
+    for (ChildProcess& process : processes)
+      EXPECT_EQ(process.exitStatus(), 0);
     EXPECT_EQ(changesOf(path), changes + 1) << "round " << round;
   }
 }

@@ -23,11 +23,18 @@ class RowSubject : public PredicateSubject {
 
   Value valueForKeyPath(const std::vector<std::string>& keyPath) const override {
     for (std::size_t i = 0; i < keys_.size(); ++i)
-      if (keys_[i].path == keyPath) return valueOf(columns_[i], keys_[i].type);
+      if (keys_[i].path == keyPath) return value(keys_[i], columns_[i]);
     return {};
   }
 
  private:
+  static Value value(const RowCondition::Key& key, sqlite3_value* column) {
+    Value value = valueOf(column, key.type);
+    if (!key.isObject) return value;
+    // As ManagedObject has it. A row number that leads nowhere is no object.
+    return value.integerValue() > 0 ? Value(Dictionary()) : Value();
+  }
+
   const std::vector<RowCondition::Key>& keys_;
   sqlite3_value* const* columns_;
 };

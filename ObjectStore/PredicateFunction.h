@@ -27,6 +27,7 @@ class RowCondition {
   struct Key {
     std::vector<std::string> path;
     AttributeType type;
+    bool isObject = false;  // the row number of an object of its own
   };
 
   /// Whether `predicate`, which must outlive it, is true; the columns are those of `keys`.

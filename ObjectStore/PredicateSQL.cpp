@@ -1,6 +1,7 @@
 #include "ObjectStore/PredicateSQL.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <utility>
 
@@ -117,7 +118,8 @@ class NoSubject : public PredicateSubject {
 /// it, so each comparison is compiled for where it stands: plain SQL (which can use an index) where NULL
 /// and false do the same, a form that is never NULL below a NOT.
 class Compiler {
-  static constexpr int kDeepestPredicate = 250;          // SQLite's own limit is 1000 levels of expression
+  // SQLite's parser has a stack of 100 entries; each open parenthesis of ours takes up to three of them.
+  static constexpr int kMostOpenParentheses = 24;
   static constexpr std::size_t kMostParameters = 30000;  // SQLite's own limit is 32766
 
  public:
@@ -145,10 +147,22 @@ class Compiler {
   std::string& sql() { return result_.condition; }
 
   void write(const Predicate& predicate, bool negated) {
-    ++depth_;
-    isTooLarge_ = isTooLarge_ || depth_ > kDeepestPredicate || result_.parameters.size() > kMostParameters;
-    if (problem_.empty() && !isTooLarge_) writeKind(predicate, negated);
-    --depth_;
+    isTooLarge_ = isTooLarge_ || result_.parameters.size() > kMostParameters;
+    if (!problem_.empty() || isTooLarge_) return;
+    const bool isCompound = !predicate.members().empty();
+    const int needed = 1 + std::bit_width(predicate.members().size());
+    if (isCompound && open_ + needed > kMostOpenParentheses) return writeCondition(predicate);
+    writeKind(predicate, negated);
+  }
+
+  void open(const char* text) {
+    sql() += text;
+    ++open_;
+  }
+
+  void close() {
+    sql() += ")";
+    --open_;
   }
 
   void writeKind(const Predicate& predicate, bool negated) {
@@ -157,9 +171,9 @@ class Compiler {
         sql() += truth(predicate.constantValue());
         break;
       case Predicate::Kind::negation:
-        sql() += "NOT (";
+        open("NOT (");
         write(*predicate.members().front(), true);
-        sql() += ")";
+        close();
         break;
       case Predicate::Kind::conjunction:
         writeAll(predicate.members(), " AND ", "1", negated);
@@ -184,18 +198,16 @@ class Compiler {
 
   void writeRange(const std::vector<PredicatePtr>& members, std::size_t first, std::size_t last,
                   const char* connective, bool negated) {
+    open("(");
     if (last - first == 1) {
-      sql() += "(";
       write(*members[first], negated);
-      sql() += ")";
-      return;
+    } else {
+      const std::size_t middle = first + (last - first) / 2;
+      writeRange(members, first, middle, connective, negated);
+      sql() += connective;
+      writeRange(members, middle, last, connective, negated);
     }
-    const std::size_t middle = first + (last - first) / 2;
-    sql() += "(";
-    writeRange(members, first, middle, connective, negated);
-    sql() += connective;
-    writeRange(members, middle, last, connective, negated);
-    sql() += ")";
+    close();
   }
 
   void writeComparison(const Predicate& predicate, bool negated) {
@@ -212,9 +224,12 @@ class Compiler {
     std::vector<RowCondition::Key> columns;
     std::string arguments;
     for (const KeyPath& key : keys) {
-      const Column column = this->column(key);
+      // A compound predicate may hold what writeRelationship() would have written.
+      const auto object = predicate.members().empty() ? std::nullopt : relationship(key);
+      const Column column =
+          object ? Column{use(*object) + ".Z_PK", AttributeType::integer} : this->column(key);
       arguments += ", " + column.name;
-      columns.push_back({key, column.type});
+      columns.push_back({key, column.type, object.has_value()});
     }
     writeCall(RowCondition::evaluation(predicate, std::move(columns)), arguments);
   }
@@ -231,10 +246,10 @@ class Compiler {
     const bool isMirrored = predicate.left()->kind() == Expression::Kind::constant;
     const Expression& key = isMirrored ? *predicate.right() : *predicate.left();
     const Expression& nil = isMirrored ? *predicate.left() : *predicate.right();
-    if (key.kind() != Expression::Kind::keyPath || key.components().size() != 1) return false;
+    if (key.kind() != Expression::Kind::keyPath) return false;
     if (nil.kind() != Expression::Kind::constant || !nil.value().isNull()) return false;
-    const auto at = entity_.indexOf(key.components().front());
-    if (!at || entity_.properties()[*at].kind != PropertyDescription::Kind::toOne) return false;
+    const auto at = relationship(key.components());
+    if (!at) return false;
     // A row number that leads nowhere is no object.
     sql() += "IFNULL(" + use(*at) + ".Z_PK, 0) " + (op == Operator::equal ? "<= 0" : "> 0");
     return true;
@@ -396,6 +411,13 @@ class Compiler {
     return values;
   }
 
+  /// The to-one relationship that is all of the path.
+  std::optional<std::size_t> relationship(const KeyPath& keyPath) const {
+    const auto at = keyPath.size() == 1 ? entity_.indexOf(keyPath.front()) : std::nullopt;
+    const bool isToOne = at && entity_.properties()[*at].kind == PropertyDescription::Kind::toOne;
+    return isToOne ? at : std::nullopt;
+  }
+
   /// The name of the table behind the to-one relationship.
   std::string use(std::size_t property) {
     auto& used = result_.relationships;
@@ -428,7 +450,7 @@ class Compiler {
   const ManagedObjectModel& model_;
   PredicateSQL result_;
   std::string problem_;
-  int depth_ = 0;
+  int open_ = 0;             // parentheses
   bool isTooLarge_ = false;  // for SQLite
 };
 

@@ -387,6 +387,33 @@ TEST_F(PredicateSQLTest, TakesPredicatesOfAnyDepthAndWidth) {
   EXPECT_EQ(found->front()->value("eventID"), Value("b"));
 }
 
+/// Each round one level more, of a random kind and width: somewhere on the way SQLite's own limits lie.
+TEST_F(PredicateSQLTest, CrossesSQLitesLimitsUnnoticed) {
+  std::mt19937 random(3);
+  Stack stack(path_);
+  insertOddRows(stack.context, random, 20);
+  ASSERT_TRUE(stack.context.save());
+  const auto everything = stack.context.fetch("QXEvent", nullptr);
+  for (int shape = 0; shape < 6; ++shape) {
+    PredicatePtr predicate = PredicateMaker(random).make(0);
+    for (int level = 0; level < 150; ++level) {
+      std::vector<PredicatePtr> members{predicate};
+      for (unsigned more = shape < 3 ? 1 : random() % 40; more > 0; --more)
+        members.push_back(PredicateMaker(random).make(0));
+      std::shuffle(members.begin(), members.end(), random);
+      const int kind = shape < 3 ? shape : static_cast<int>(random() % 3);
+      predicate = kind == 0   ? Predicate::negation(predicate)
+                  : kind == 1 ? Predicate::conjunction(members)
+                              : Predicate::disjunction(members);
+      const auto expected = std::count_if(everything->begin(), everything->end(),
+                                          [&](const auto& event) { return predicate->evaluate(*event); });
+      ErrorPtr error;
+      ASSERT_EQ(stack.context.count("QXEvent", predicate, &error), expected)
+          << shape << " " << level << (error ? error->summary() : "");
+    }
+  }
+}
+
 TEST_F(PredicateSQLTest, SeesForeignCellsAsTheObjectsDo) {
   {
     Stack stack(path_);

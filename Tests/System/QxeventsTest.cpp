@@ -293,7 +293,14 @@ TEST_F(Qxevents, NamesTheArgumentOfWrongUsage) {
        "--where: The predicate format \"EventSeverity ==\" cannot be read"},
       {{"list", "--where", "Severity == 1"}, "there is no key \"Severity\"; the keys are SourceID"},
       {{"list", "--where", "EventSolutionStatus > 0"}, "EventSolutionStatus can only be"},
-      {{"export", "--where", "EventTriggerTime > 'yesterday'"}, "\"yesterday\" is not an RFC 3339 time"},
+      {{"export", "--where", "EventTriggerTime > 'yesterday'"},
+       "EventTriggerTime can only be compared with RFC 3339"},
+      {{"count", "--where", "EventTriggerTime LIKE '2026*' OR EventSeverity == 1"},
+       "EventTriggerTime can only"},
+      {{"count", "--where", "EventTriggerTime + 1 > nil"}, "only numbers can be calculated with"},
+      {{"count", "--where", "{'3'} CONTAINS EventSeverity"},
+       "EventSeverity can only be compared with numbers"},
+      {{"count", "--where", "SourceID == 7"}, "SourceID can only be compared with texts"},
       {{"block"}, "needs --class, --source or both"},
       {{"count", "--source", "\xC3("}, "--source: \"\\xC3(\""},
       {{"add", "--class", "c"}, "--source"},
@@ -416,7 +423,12 @@ TEST_F(Qxevents, ListsKnownClassesAndThoseOfStoredEvents) {
       R"({"class":"com.qx.printer.state.media.empty","severity":3,"handler":"com.qx.eventhandler.media","totalStates":2})"));
   EXPECT_EQ(run({"classes", "--json"}).output,
             "{\"class\":\"com.qx.printer.state.media.empty\",\"events\":1}\n");
-  EXPECT_EQ(run({"sources", "--json"}).output, "{\"id\":\"S1\",\"name\":\"Printer\",\"events\":1}\n");
+  ASSERT_EQ(run({"add", "--class", "com.example", "--handler", "h", "--severity", "1", "--total-states", "1",
+                 "--source", "S1", "--source-name", "Printer"})
+                .exitCode,
+            0);
+  EXPECT_EQ(linesOf(run({"classes", "--json"}).output).front(), R"({"class":"com.example","events":1})");
+  EXPECT_EQ(run({"sources", "--json"}).output, "{\"id\":\"S1\",\"name\":\"Printer\",\"events\":2}\n");
 }
 
 }  // namespace

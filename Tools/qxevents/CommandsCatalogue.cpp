@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <memory>
 
 #include <fmt/format.h>
@@ -104,20 +105,35 @@ int runKnownClasses(Context& context) {
   return kDone;
 }
 
-int runStoredClasses(Context& context) {
-  auto ids = QXEvent::knownEventClassIDs();
-  if (!ids) return isReadable() ? kDone : kFailed;
-  std::sort(ids->begin(), ids->end());
+/// How many events that are not blocked there are of each class; nothing after a failure.
+std::optional<std::map<std::string, std::uint64_t>> countEventsByClass() {
+  std::map<std::string, std::uint64_t> counts;
+  const auto known = QXEvent::knownEventClassIDs().value_or(std::vector<std::string>());
   const auto notBlocked = notWhollyBlocked();
-  Table table({{"CLASS", 12, 1, Cut::start}, {"EVENTS", 0, 0, Cut::end, true}});
-  for (const auto& id : *ids) {
+  for (const auto& id : known) {
     const auto events = countEventsOf(QXESAttributeEventClassID, id, notBlocked);
-    if (!events) return kFailed;
-    if (*events == 0) continue;
+    if (!events) return std::nullopt;
+    if (*events > 0) counts[id] = *events;
+  }
+  // Classes of which the store knows nothing but that events have them.
+  const auto others =
+      fetchEvents(!qx::key(QXESAttributeEventClassID).in(qx::Array(known.begin(), known.end())));
+  if (!others) return std::nullopt;
+  for (const auto& event : *others) {
+    if (event->classID()) ++counts[*event->classID()];
+  }
+  return counts;
+}
+
+int runStoredClasses(Context& context) {
+  const auto counts = countEventsByClass();
+  if (!counts) return kFailed;
+  Table table({{"CLASS", 12, 1, Cut::start}, {"EVENTS", 0, 0, Cut::end, true}});
+  for (const auto& [id, events] : *counts) {
     if (context.json) {
-      context.output.write(fmt::format("{{\"class\":{},\"events\":{}}}\n", jsonString(id), *events));
+      context.output.write(fmt::format("{{\"class\":{},\"events\":{}}}\n", jsonString(id), events));
     } else {
-      table.addRow({id, fmt::format("{}", *events)});
+      table.addRow({id, fmt::format("{}", events)});
     }
   }
   table.print(context.output, context.width, context.color);

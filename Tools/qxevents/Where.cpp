@@ -20,22 +20,37 @@ using qx::Predicate;
 using qx::PredicatePtr;
 using Operator = qx::Predicate::Operator;
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kKeys{{
-    {"SourceID", QXESAttributeEventSourceID},
-    {"EventClassID", QXESAttributeEventClassID},
-    {"EventTriggerTime", QXESAttributeEventTriggerTime},
-    {"EventReadStatus", QXESAttributeEventReadStatus},
-    {"EventSeverity", QXESAttributeEventSeverity},
-    {"EventSolutionStatus", QXESAttributeEventSolutionStatus},
+enum class Holds { text, time, truth, number, solution };
+
+struct Key {
+  std::string_view name;
+  std::string_view attribute;
+  Holds holds;
+  std::string_view comparesWith;
+};
+
+constexpr std::array<Key, 6> kKeys{{
+    {"SourceID", QXESAttributeEventSourceID, Holds::text, "texts in quotes"},
+    {"EventClassID", QXESAttributeEventClassID, Holds::text, "texts in quotes"},
+    {"EventTriggerTime", QXESAttributeEventTriggerTime, Holds::time,
+     "RFC 3339 times with a zone in quotes, such as \"2026-11-02T05:23:26Z\""},
+    {"EventReadStatus", QXESAttributeEventReadStatus, Holds::truth, "YES and NO"},
+    {"EventSeverity", QXESAttributeEventSeverity, Holds::number, "numbers"},
+    {"EventSolutionStatus", QXESAttributeEventSolutionStatus, Holds::solution,
+     "1 (solved) and 0, by == and !="},
 }};
 
-bool isKey(const Expression& expression, std::string_view key) {
-  return expression.kind() == Expression::Kind::keyPath && expression.components().size() == 1 &&
-         expression.components().front() == key;
+/// The key that is all of the expression; null when it is anything else.
+const Key* keyOf(const Expression& expression) {
+  if (expression.kind() != Expression::Kind::keyPath || expression.components().size() != 1) return nullptr;
+  const auto* const found = std::find_if(kKeys.begin(), kKeys.end(), [&](const Key& key) {
+    return key.name == expression.components().front();
+  });
+  return found != kKeys.end() ? found : nullptr;
 }
 
-bool isMoment(Operator op) {
-  return op <= Operator::between || op == Operator::in;
+bool isConstant(const Expression& expression) {
+  return expression.kind() == Expression::Kind::constant;
 }
 
 /// Rebuilds a predicate with the library's keys. The first thing that has no place in one ends it.
@@ -69,53 +84,64 @@ class Translation {
   }
 
   PredicatePtr comparison(const Predicate& predicate) {
-    const Expression& left = *predicate.left();
-    const Expression& right = *predicate.right();
-    if (isKey(left, kSolved) || isKey(right, kSolved)) return solved(predicate);
-    if (isMoment(predicate.comparisonOperator()) && (isKey(left, kTime) || isKey(right, kTime))) {
-      return Predicate::comparison(moment(left), predicate.comparisonOperator(), moment(right),
-                                   predicate.options(), predicate.modifier());
+    const Key* const left = keyOf(*predicate.left());
+    const Key* const right = keyOf(*predicate.right());
+    for (const Key* const key : {left, right}) {
+      if (key != nullptr && key->holds == Holds::solution) return solved(predicate, *key);
     }
-    return Predicate::comparison(expression(left), predicate.comparisonOperator(), expression(right),
-                                 predicate.options(), predicate.modifier());
+    // A constant beside a key is of the key's kind.
+    return Predicate::comparison(
+        right != nullptr && isConstant(*predicate.left()) ? constant(*predicate.left(), *right)
+                                                          : expression(*predicate.left()),
+        predicate.comparisonOperator(),
+        left != nullptr && isConstant(*predicate.right()) ? constant(*predicate.right(), *left)
+                                                          : expression(*predicate.right()),
+        predicate.options(), predicate.modifier());
   }
 
   /// The library knows the key in "== 1" and "== 0" only, as they are printed.
-  PredicatePtr solved(const Predicate& predicate) {
-    const bool isMirrored = isKey(*predicate.right(), kSolved);
+  PredicatePtr solved(const Predicate& predicate, const Key& key) {
+    const bool isMirrored = keyOf(*predicate.right()) == &key;
     const Expression& other = isMirrored ? *predicate.left() : *predicate.right();
-    const bool isTruth = other.kind() == Expression::Kind::constant && other.value().isNumber() &&
-                         (other.value() == qx::Value(0) || other.value() == qx::Value(1));
+    const bool isTruth =
+        isConstant(other) && (other.value() == qx::Value(0) || other.value() == qx::Value(1));
     const auto op = predicate.comparisonOperator();
     const bool isKnown = (op == Operator::equal || op == Operator::notEqual) && !predicate.options().any() &&
                          predicate.modifier() == Predicate::Modifier::direct;
     if (!isTruth || !isKnown) {
-      refuse("EventSolutionStatus can only be compared with == or != and 1 (solved) or 0");
+      refuseUse(key);
       return nullptr;
     }
-    auto equal = Predicate::comparison(Expression::keyPath(QXESAttributeEventSolutionStatus), Operator::equal,
+    auto equal = Predicate::comparison(Expression::keyPath(key.attribute), Operator::equal,
                                        Expression::constant(qx::Value(other.value().boolValue() ? 1 : 0)));
     return op == Operator::equal ? equal : Predicate::negation(std::move(equal));
   }
 
-  /// What stands beside the trigger time: texts are times.
-  ExpressionPtr moment(const Expression& side) {
-    if (side.kind() != Expression::Kind::constant) return expression(side);
-    if (const qx::Array* const list = side.value().asArray()) {
-      qx::Array times;
-      for (const auto& member : *list)
-        times.push_back(timeOf(member));
-      return Expression::constant(std::move(times));
-    }
-    return Expression::constant(timeOf(side.value()));
+  /// What stands beside the key; texts beside a time are times.
+  ExpressionPtr constant(const Expression& side, const Key& key) {
+    const qx::Array* const list = side.value().asArray();
+    if (list == nullptr) return Expression::constant(valueFor(key, side.value()));
+    qx::Array values;
+    for (const auto& member : *list)
+      values.push_back(valueFor(key, member));
+    return Expression::constant(std::move(values));
   }
 
-  qx::Value timeOf(const qx::Value& value) {
-    const std::string* const text = value.asString();
-    if (text == nullptr) return value;
-    if (const auto time = qx::Date::fromRFC3339(*text)) return *time;
-    refuse(fmt::format("\"{}\" is not an RFC 3339 time with a zone, such as 2026-11-02T05:23:26Z",
-                       excerpt(*text)));
+  qx::Value valueFor(const Key& key, const qx::Value& value) {
+    if (value.isNull()) return value;
+    switch (key.holds) {
+      case Holds::text:
+        if (value.asString() != nullptr) return value;
+        break;
+      case Holds::time:
+        if (value.asDate() != nullptr) return value;
+        if (const auto time = qx::Date::fromRFC3339(value.stringValue().value_or(""))) return *time;
+        break;
+      default:
+        if (value.isNumber()) return value;
+        break;
+    }
+    refuseUse(key);
     return {};
   }
 
@@ -126,6 +152,7 @@ class Translation {
       case Expression::Kind::aggregate:
         return Expression::aggregate(membersOf(from));
       case Expression::Kind::arithmetic:
+        checkNumbers(from);
         if (from.operation() == Expression::Operation::negate)
           return Expression::negated(expression(*from.base()));
         return Expression::arithmetic(expression(*from.members()[0]), from.operation(),
@@ -138,6 +165,16 @@ class Translation {
     }
   }
 
+  /// Arithmetic with anything but numbers has no value, and would silently match nothing.
+  void checkNumbers(const Expression& from) {
+    for (const auto& member : from.members()) {
+      const Key* const key = keyOf(*member);
+      const bool isOther = isConstant(*member) && !member->value().isNumber();
+      if (isOther || (key != nullptr && key->holds != Holds::number))
+        refuse(fmt::format("\"{}\": only numbers can be calculated with", excerpt(from.format())));
+    }
+  }
+
   std::vector<ExpressionPtr> membersOf(const Expression& from) {
     std::vector<ExpressionPtr> members;
     for (const auto& member : from.members())
@@ -146,26 +183,25 @@ class Translation {
   }
 
   ExpressionPtr key(const Expression& from) {
-    if (isKey(from, kSolved)) {
-      refuse("EventSolutionStatus can only be compared with == or != and 1 (solved) or 0");
-      return nullptr;
-    }
-    for (const auto& [name, attribute] : kKeys) {
-      if (isKey(from, name)) return Expression::keyPath(attribute);
+    if (const Key* const known = keyOf(from)) {
+      if (known->holds == Holds::solution) refuseUse(*known);
+      return Expression::keyPath(known->attribute);
     }
     std::string names;
-    for (const auto& [name, attribute] : kKeys)
-      names += (names.empty() ? "" : ", ") + std::string(name);
+    for (const Key& known : kKeys)
+      names += (names.empty() ? "" : ", ") + std::string(known.name);
     refuse(fmt::format("there is no key \"{}\"; the keys are {}", excerpt(from.format()), names));
     return nullptr;
+  }
+
+  void refuseUse(const Key& key) {
+    refuse(fmt::format("{} can only be compared with {}", key.name, key.comparesWith));
   }
 
   void refuse(std::string reason) {
     if (refusal_.empty()) refusal_ = std::move(reason);
   }
 
-  static constexpr std::string_view kSolved = "EventSolutionStatus";
-  static constexpr std::string_view kTime = "EventTriggerTime";
   std::string& refusal_;
 };
 

@@ -140,16 +140,9 @@ bool SQLiteStore::keepIdentity(const FileIdentity& before, ErrorPtr* error) {
   return true;
 }
 
-bool SQLiteStore::refuseModel(const std::string& why, ErrorPtr* error) {
-  setError(error,
-           storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model" + why));
-  return false;
-}
-
 bool SQLiteStore::bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error) {
-  String problem;
-  const auto earlier = earlierVersion(*model_, versions, found, &problem);
-  if (!earlier) return refuseModel(problem ? ", and " + *problem : "", error);
+  const auto earlier = earlierVersion(*model_, versions, found, path_, error);
+  if (!earlier) return false;
   const bool migrated = beginWriting(error) && migrateFrom(*earlier, error);
   rollback();  // what was not committed, and this process's place in the queue
   return migrated;
@@ -160,7 +153,10 @@ bool SQLiteStore::migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error
   const auto found = metadata(error);
   if (!found) return false;
   if (model_->isCompatibleWith(*found)) return true;
-  if (!earlier.isCompatibleWith(*found)) return refuseModel("", error);
+  if (!earlier.isCompatibleWith(*found)) {
+    setError(error, anotherModel(path_, ""));
+    return false;
+  }
   if (!checkSchema(*connection_, error)) return false;
   if (!migrateStore(*connection_, earlier, *model_, *found, error)) return false;
   const auto written = metadata(error);

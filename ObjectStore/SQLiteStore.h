@@ -91,7 +91,6 @@ class SQLiteStore : public PersistentStore {
   bool keepIdentity(const FileIdentity& before, ErrorPtr* error);
   bool bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error);
   bool migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error);
-  bool refuseModel(const std::string& why, ErrorPtr* error);
   bool probeTables(ErrorPtr* error);
   bool isQueued();
   void reopenForWriting();

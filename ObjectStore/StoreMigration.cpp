@@ -213,15 +213,27 @@ class Migration {
 
 }  // namespace
 
+ErrorPtr anotherModel(const std::string& path, const std::string& why) {
+  return storeError(kStoreOfAnotherModel, path, "it was made for another version of the model" + why);
+}
+
 ManagedObjectModelPtr earlierVersion(const ManagedObjectModel& present, const ModelVersions& versions,
-                                     const StoreMetadata& metadata, String* problem) {
-  if (!versions) return nullptr;
-  for (const auto& version : versions()) {
+                                     const StoreMetadata& metadata, const std::string& path,
+                                     ErrorPtr* error) {
+  std::vector<ManagedObjectModelPtr> known;
+  if (versions) {
+    auto all = versions(error);
+    if (!all) return nullptr;
+    known = std::move(*all);
+  }
+  for (const auto& version : known) {
     if (!version->isCompatibleWith(metadata)) continue;
     const String obstacle = mappingProblem(*version, present);
-    if (problem != nullptr) *problem = obstacle;
-    return obstacle ? nullptr : version;
+    if (!obstacle) return version;
+    setError(error, anotherModel(path, ", and " + *obstacle));
+    return nullptr;
   }
+  setError(error, anotherModel(path, ""));
   return nullptr;
 }
 

@@ -18,8 +18,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<ManagedObjectModelPtr> productVersions() {
-  return ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY);
+using Versions = std::optional<std::vector<ManagedObjectModelPtr>>;
+
+Versions productVersions(ErrorPtr* error) {
+  return ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY, error);
 }
 
 Dictionary migratingOptions() {
@@ -151,9 +153,12 @@ TEST_F(StoreMigration, IsRefusedWithoutTheRightToDoIt) {
     options.set(std::string(left), left == kReadOnlyPersistentStoreOption);
     EXPECT_EQ(Opened(path, options).code(), 134100) << left;
   }
-  const auto onlyPresent = [] { return std::vector<ManagedObjectModelPtr>{productModel()}; };
+  const auto onlyPresent = [](ErrorPtr*) { return Versions({productModel()}); };
   EXPECT_EQ(Opened(path, migratingOptions(), productModel(), onlyPresent).code(), 134100);
   EXPECT_EQ(Opened(path, migratingOptions(), productModel(), nullptr).code(), 134100);
+  const auto unread = [](ErrorPtr* error) { return ManagedObjectModel::loadAll("/nowhere", error); };
+  const Opened blind(path, migratingOptions(), productModel(), unread);
+  EXPECT_TRUE(blind.code() == 256 && isPassingFailure(*blind.error)) << "it may be any of them";
   EXPECT_EQ(contentOf(path), before);
   if (::geteuid() != 0) return;
   ::chmod(directory_.path().c_str(), 0755);
@@ -206,7 +211,7 @@ TEST_F(StoreMigration, DropsWhatIsGoneAndFillsInDefaults) {
     ASSERT_TRUE(stack.context.save());
   }
   {
-    Opened stack(path, migratingOptions(), present, [&] { return std::vector{earlier, present}; });
+    Opened stack(path, migratingOptions(), present, [&](ErrorPtr*) { return Versions({earlier, present}); });
     ASSERT_EQ(stack.code(), 0) << stack.error->summary();
     const auto found = stack.context.fetch("Device", nullptr).value();
     ASSERT_EQ(found.size(), 1U);
@@ -240,7 +245,7 @@ TEST_F(StoreMigration, NamesWhatCannotBeInferred) {
   };
   for (const auto& [name, entities] : obstacles) {
     const auto present = model("2", entities);
-    const Opened stack(path, migratingOptions(), present, [&] { return std::vector{earlier}; });
+    const Opened stack(path, migratingOptions(), present, [&](ErrorPtr*) { return Versions({earlier}); });
     EXPECT_EQ(stack.code(), 134100);
     EXPECT_NE(stack.error->localizedDescription().find(name.substr(0, 11)), std::string::npos)
         << stack.error->localizedDescription();

@@ -21,8 +21,10 @@ ManagedObjectModelPtr earlierVersion(const ManagedObjectModel& present, const Mo
 ErrorPtr anotherModel(const std::string& path, const std::string& why);
 
 /// Rewrites a store of `earlier`, whose metadata is `metadata`, as one of `present`, in a write transaction
-/// of the caller's, who rolls back when it fails. Row numbers, values and the store's UUID stay; tables and
-/// indexes are those of a file that is made new. 259 when the file is not what its metadata says it is.
+/// of the caller's, who rolls back when it fails. Row numbers, values and the store's UUID stay. The model's
+/// tables, Z_PRIMARYKEY and Z_METADATA, with their columns and indexes, are those of a file that is made new;
+/// other tables stay as they are. 259 when the file is not what its metadata says it is, or would take more
+/// room or work than a file of its size does.
 bool migrateStore(SQLiteConnection& connection, const ManagedObjectModel& earlier,
                   const ManagedObjectModel& present, const StoreMetadata& metadata, ErrorPtr* error);
 

@@ -11,6 +11,7 @@
 #include "Tests/ObjectStore/OldStore.h"
 #include "Tests/Sources/AccessorTesting.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/RawDatabase.h"
 
 namespace qx::test {
 namespace {
@@ -218,6 +219,15 @@ TEST_F(LegacyMigration, TakesTheRecordsOverAndLeavesNothingBehind) {
   addApplication("/bin/true");
   EXPECT_TRUE(save());
   EXPECT_FALSE(fs::exists(store().string() + "-wal"));
+}
+
+TEST_F(LegacyMigration, KeepsTheRowNumbersOfRemovedRecords) {
+  makeStore(legacy(), currentModel(), {"/from/legacy"});
+  RawDatabase(legacy())("UPDATE Z_PRIMARYKEY SET Z_MAX = 80");
+  ASSERT_TRUE(accessor().isPersistentStoreCreated());
+  const auto added = addApplication("/added");
+  ASSERT_TRUE(save());
+  EXPECT_EQ(added->rowNumber(), 81);
 }
 
 TEST_F(LegacyMigration, KeepsADirectoryWithOtherFiles) {

@@ -223,7 +223,7 @@ TEST_F(LegacyMigration, TakesTheRecordsOverAndLeavesNothingBehind) {
 
 TEST_F(LegacyMigration, KeepsTheRowNumbersOfRemovedRecords) {
   makeStore(legacy(), currentModel(), {"/from/legacy"});
-  RawDatabase(legacy())("UPDATE Z_PRIMARYKEY SET Z_MAX = 80");
+  ASSERT_EQ(RawDatabase(legacy().string())("UPDATE Z_PRIMARYKEY SET Z_MAX = 80"), "");
   ASSERT_TRUE(accessor().isPersistentStoreCreated());
   const auto added = addApplication("/added");
   ASSERT_TRUE(save());

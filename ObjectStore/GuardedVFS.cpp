@@ -13,6 +13,8 @@ namespace {
 /// The system's VFS; set before ours is registered.
 sqlite3_vfs* systemVFS = nullptr;
 
+thread_local std::uint64_t fullWrites = 0;
+
 /// An open file of ours; the system's stands right behind it, in the room that SQLite gave us.
 struct GuardedFile {
   sqlite3_file base;
@@ -32,7 +34,10 @@ int read(sqlite3_file* f, void* to, int size, sqlite3_int64 at) {
   FORWARD(xRead, to, size, at);
 }
 int write(sqlite3_file* f, const void* from, int size, sqlite3_int64 at) {
-  FORWARD(xWrite, from, size, at);
+  sqlite3_file* const file = GuardedFile::system(f);
+  const int result = file->pMethods->xWrite(file, from, size, at);
+  if (result == SQLITE_FULL) ++fullWrites;
+  return result;
 }
 int truncate(sqlite3_file* f, sqlite3_int64 size) {
   FORWARD(xTruncate, size);
@@ -123,6 +128,10 @@ bool registerVFS() {
 }
 
 }  // namespace
+
+std::uint64_t writesWithoutRoom() {
+  return fullWrites;
+}
 
 const char* guardedVFS() {
   static const bool registered = registerVFS();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 namespace qx {
 
 /// Name of an SQLite VFS for files in a directory that anyone may write, made at first use. Like the system's
@@ -11,5 +13,9 @@ namespace qx {
 ///   of a "-shm" file that somebody cuts short under us would end the process.
 /// Null when SQLite has no memory for it. Any thread.
 const char* guardedVFS();
+
+/// How often this thread wrote to such a file and there was no more room: tells a full disk from SQLite's
+/// limit of a file's pages, which gives SQLITE_FULL too.
+std::uint64_t writesWithoutRoom();
 
 }  // namespace qx

@@ -11,6 +11,7 @@ namespace qx {
 
 namespace {
 
+constexpr std::int64_t kReadFailed = 256;
 constexpr std::int64_t kNoSuchFile = 260;
 constexpr std::int64_t kNotAModel = 259;
 constexpr std::size_t kMostProperties = 64;  // one bit each in a managed object
@@ -226,16 +227,28 @@ std::shared_ptr<const ManagedObjectModel> ManagedObjectModel::load(const std::st
   return model;
 }
 
-std::vector<ManagedObjectModelPtr> ManagedObjectModel::loadAll(const std::string& directory) {
+std::optional<std::vector<ManagedObjectModelPtr>> ManagedObjectModel::loadAll(const std::string& directory,
+                                                                              ErrorPtr* error) {
   namespace fs = std::filesystem;
   std::vector<ManagedObjectModelPtr> models;
-  std::error_code problem;
-  for (fs::directory_iterator file(directory, problem), end; !problem && file != end;
-       file.increment(problem)) {
+  std::error_code failure;
+  ErrorPtr problem;
+  fs::directory_iterator file(directory, failure);
+  for (; !problem && !failure && file != fs::directory_iterator(); file.increment(failure)) {
     if (file->path().extension() != ".mom") continue;
-    if (auto model = load(file->path().string())) models.push_back(std::move(model));
+    models.push_back(load(file->path().string(), &problem));
   }
-  return models;
+  if (failure) problem = Error::make(kPOSIXErrorDomain, failure.value(), failure.message());
+  if (!problem) return models;
+  setError(error, Error::make(kCocoaErrorDomain, kReadFailed,
+                              Error::Details{.description = "The versions of the object model in \"" +
+                                                            directory + "\" could not all be read.",
+                                             .suggestion = {},
+                                             .recoveryOptions = {},
+                                             .recoveryAttempter = nullptr,
+                                             .underlying = problem,
+                                             .items = {}}));
+  return std::nullopt;
 }
 
 const EntityDescription* ManagedObjectModel::entity(std::string_view name) const {

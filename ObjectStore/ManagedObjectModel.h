@@ -74,8 +74,10 @@ class ManagedObjectModel {
   /// Reads a model file: an XML property list as in Resources/QXStoreModel.momd. Null, with *error of
   /// NSCocoaErrorDomain (260 missing, 259 not a model, naming what is wrong), when it cannot be used.
   static std::shared_ptr<const ManagedObjectModel> load(const std::string& path, ErrorPtr* error = nullptr);
-  /// The versions of a model: every ".mom" file of `directory` that can be used.
-  static std::vector<std::shared_ptr<const ManagedObjectModel>> loadAll(const std::string& directory);
+  /// The versions of a model: every ".mom" file of `directory`. Nothing, with *error of NSCocoaErrorDomain
+  /// (256, with what was wrong underneath), when one of them or the directory cannot be read.
+  static std::optional<std::vector<std::shared_ptr<const ManagedObjectModel>>> loadAll(
+      const std::string& directory, ErrorPtr* error = nullptr);
 
   /// The version's own name: "3"; empty when the file gives none.
   const std::string& version() const { return version_; }
@@ -95,8 +97,8 @@ class ManagedObjectModel {
 
 using ManagedObjectModelPtr = std::shared_ptr<const ManagedObjectModel>;
 
-/// Gives the versions of a model that stores may have been made for. Asked only when a store is met that is
-/// not of the present one.
-using ModelVersions = std::function<std::vector<ManagedObjectModelPtr>()>;
+/// Gives the versions of a model that stores may have been made for, all of them or, with *error, none. Asked
+/// only when a store is met that is not of the present one.
+using ModelVersions = std::function<std::optional<std::vector<ManagedObjectModelPtr>>(ErrorPtr* error)>;
 
 }  // namespace qx

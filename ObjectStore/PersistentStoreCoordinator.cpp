@@ -77,9 +77,10 @@ PersistentStorePtr PersistentStoreCoordinator::migratePersistentStore(const Pers
   return migrated;
 }
 
-bool PersistentStoreCoordinator::isOfEarlierVersion(const StoreMetadata& metadata) const {
+bool PersistentStoreCoordinator::mayBeOfEarlierVersion(const StoreMetadata& metadata) const {
   if (model_->isCompatibleWith(metadata)) return false;
-  return earlierVersion(*model_, versions_, metadata) != nullptr;
+  ErrorPtr problem;
+  return earlierVersion(*model_, versions_, metadata, "", &problem) != nullptr || isPassingFailure(*problem);
 }
 
 std::vector<PersistentStorePtr> PersistentStoreCoordinator::persistentStores() const {

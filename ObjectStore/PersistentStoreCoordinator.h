@@ -76,8 +76,9 @@ class PersistentStoreCoordinator {
                                             const Dictionary& options, std::string_view type,
                                             ErrorPtr* error = nullptr);
   std::vector<PersistentStorePtr> persistentStores() const;
-  /// Whether a store with that metadata can be brought up to the model from one of its earlier versions.
-  bool isOfEarlierVersion(const StoreMetadata& metadata) const;
+  /// Whether a store with that metadata can be brought up to the model from one of its earlier versions, or
+  /// may be: as long as those cannot be read.
+  bool mayBeOfEarlierVersion(const StoreMetadata& metadata) const;
 
   /// The metadata of the store file at `path`, without opening it as a store. Cheap (two system calls and
   /// one small query) while this process has that very file open. Empty on failure.

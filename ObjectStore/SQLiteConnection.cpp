@@ -322,6 +322,14 @@ bool SQLiteConnection::execute(std::string_view sql) {
   return result == SQLITE_DONE;
 }
 
+void SQLiteConnection::watchProgress(int steps, std::function<bool()> mayGoOn) {
+  mayGoOn_ = std::move(mayGoOn);
+  const auto ask = [](void* connection) {
+    return static_cast<SQLiteConnection*>(connection)->mayGoOn_() ? 0 : 1;
+  };
+  sqlite3_progress_handler(handle_, mayGoOn_ ? steps : 0, mayGoOn_ ? +ask : nullptr, this);
+}
+
 bool SQLiteConnection::inTransaction() const {
   return sqlite3_get_autocommit(handle_) == 0;
 }

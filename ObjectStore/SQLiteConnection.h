@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -87,6 +88,9 @@ class SQLiteConnection {
   SQLiteStatement prepare(std::string_view sql);
   /// Runs a statement that returns no rows, or whose rows do not matter.
   bool execute(std::string_view sql);
+  /// Asks `mayGoOn` after about every that many steps of a statement; when it says no, the statement fails
+  /// with SQLITE_INTERRUPT. None: no longer.
+  void watchProgress(int steps, std::function<bool()> mayGoOn);
   bool inTransaction() const;
   /// Whether the file could only be opened for reading.
   bool isReadOnly() const;
@@ -116,6 +120,7 @@ class SQLiteConnection {
 
   sqlite3* handle_;
   std::string path_;
+  std::function<bool()> mayGoOn_;
   std::chrono::steady_clock::time_point busySince_;  // when the present wait for another process began
   std::unordered_map<std::string, Cached, TextHash, std::equal_to<>> statements_;
 };

@@ -29,35 +29,31 @@ const char* columnType(const PropertyDescription& property) {
   return "BLOB";
 }
 
-bool writeMetadata(SQLiteConnection& connection, const ManagedObjectModel& model) {
-  const Value uuid(makeUUID());
-  Dictionary values{{std::string(kStoreTypeKey), std::string("SQLite")}, {std::string(kStoreUUIDKey), uuid}};
-  describeModel(model, values);
-  const auto bytes = writeBinaryPropertyList(values);
-  SQLiteStatement row =
-      connection.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (?, ?, ?)");
-  if (!bytes || !row) return false;
-  const Value list{Data(*bytes)};
-  row.bind(1, kMetadataVersion);
-  row.bind(2, uuid);
-  row.bind(3, list);
-  return row.step() == SQLITE_DONE;
+StoreMetadata freshMetadata(const ManagedObjectModel& model) {
+  StoreMetadata metadata{makeUUID(), {}};
+  metadata.values.set(std::string(kStoreTypeKey), std::string("SQLite"));
+  metadata.values.set(std::string(kStoreUUIDKey), metadata.uuid);
+  describeModel(model, metadata.values);
+  return metadata;
 }
 
 }  // namespace
 
 bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model, ErrorPtr* error) {
-  bool good =
-      connection.execute(
-          "CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, "
-          "Z_MAX INTEGER)") &&
-      connection.execute(
-          "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)");
+  bool good = createBookkeeping(connection);
   for (const EntityDescription& entity : model.entities())
     good = good && createTable(connection, entity) && addRowNumbers(connection, entity, 0);
-  good = good && writeMetadata(connection, model);
+  good = good && addMetadata(connection, freshMetadata(model));
   if (!good) setError(error, connection.lastError(StoreOperation::save));
   return good;
+}
+
+bool createBookkeeping(SQLiteConnection& connection) {
+  return connection.execute(
+             "CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, "
+             "Z_MAX INTEGER)") &&
+         connection.execute(
+             "CREATE TABLE Z_METADATA (Z_VERSION INTEGER PRIMARY KEY, Z_UUID VARCHAR(255), Z_PLIST BLOB)");
 }
 
 bool createTable(SQLiteConnection& connection, const EntityDescription& entity) {
@@ -91,6 +87,19 @@ bool addRowNumbers(SQLiteConnection& connection, const EntityDescription& entity
   row.bind(1, std::int64_t{entity.number()});
   row.bind(2, name);
   row.bind(3, last);
+  return row.step() == SQLITE_DONE;
+}
+
+bool addMetadata(SQLiteConnection& connection, const StoreMetadata& metadata) {
+  const auto bytes = writeBinaryPropertyList(metadata.values);
+  SQLiteStatement row =
+      connection.prepare("INSERT INTO Z_METADATA (Z_VERSION, Z_UUID, Z_PLIST) VALUES (?, ?, ?)");
+  if (!bytes || !row) return false;
+  const Value uuid(metadata.uuid);
+  const Value list{Data(*bytes)};
+  row.bind(1, kMetadataVersion);
+  row.bind(2, uuid);
+  row.bind(3, list);
   return row.step() == SQLITE_DONE;
 }
 

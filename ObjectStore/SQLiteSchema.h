@@ -12,10 +12,14 @@ namespace qx {
 bool createSchema(SQLiteConnection& connection, const ManagedObjectModel& model, ErrorPtr* error);
 
 // The parts of it. In a transaction of the caller's; false when SQLite fails: see the connection's error.
+/// Z_PRIMARYKEY and Z_METADATA, without rows.
+bool createBookkeeping(SQLiteConnection& connection);
 bool createTable(SQLiteConnection& connection, const EntityDescription& entity);
 bool createIndexes(SQLiteConnection& connection, const EntityDescription& entity);
 /// The entity's row of Z_PRIMARYKEY; `last` is the last row number that was handed out.
 bool addRowNumbers(SQLiteConnection& connection, const EntityDescription& entity, std::int64_t last);
+/// The row of Z_METADATA.
+bool addMetadata(SQLiteConnection& connection, const StoreMetadata& metadata);
 /// Writes into `metadata` which model the store is made for.
 void describeModel(const ManagedObjectModel& model, Dictionary& metadata);
 

@@ -140,16 +140,9 @@ bool SQLiteStore::keepIdentity(const FileIdentity& before, ErrorPtr* error) {
   return true;
 }
 
-bool SQLiteStore::refuseModel(const std::string& why, ErrorPtr* error) {
-  setError(error,
-           storeError(kStoreOfAnotherModel, path_, "it was made for another version of the model" + why));
-  return false;
-}
-
 bool SQLiteStore::bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error) {
-  String problem;
-  const auto earlier = earlierVersion(*model_, versions, found, &problem);
-  if (!earlier) return refuseModel(problem ? ", and " + *problem : "", error);
+  const auto earlier = earlierVersion(*model_, versions, found, path_, error);
+  if (!earlier) return false;
   const bool migrated = beginWriting(error) && migrateFrom(*earlier, error);
   rollback();  // what was not committed, and this process's place in the queue
   return migrated;
@@ -160,7 +153,10 @@ bool SQLiteStore::migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error
   const auto found = metadata(error);
   if (!found) return false;
   if (model_->isCompatibleWith(*found)) return true;
-  if (!earlier.isCompatibleWith(*found)) return refuseModel("", error);
+  if (!earlier.isCompatibleWith(*found)) {
+    setError(error, anotherModel(path_, ""));
+    return false;
+  }
   if (!checkSchema(*connection_, error)) return false;
   if (!migrateStore(*connection_, earlier, *model_, *found, error)) return false;
   const auto written = metadata(error);
@@ -212,24 +208,33 @@ bool SQLiteStore::create(const ManagedObjectModelPtr& model, const std::string& 
   return file.moveIntoPlace(error);
 }
 
+/// All of them as they are at one moment: others may write to the source meanwhile.
 bool SQLiteStore::copyRowsFrom(SQLiteStore& source, ErrorPtr* error) {
-  for (const EntityDescription& entity : model_->entities()) {
-    ErrorPtr writeError;
-    bool written = true;
-    std::vector<Value> values(entity.properties().size());
-    const auto copy = [&](const FetchedRow& row) {
-      if (!written) return;
-      row.read(values);
-      written = insertRow(entity, row.rowNumber(), values, &writeError);
-    };
-    if (!source.fetch(entity, nullptr, copy, error)) return false;
-    if (!written) {
-      setError(error, writeError);
-      return false;
-    }
-    if (!reserveRowNumbers(entity, 0, error)) return false;
+  const std::lock_guard lock(source.mutex_);
+  if (!source.connection_->execute("BEGIN")) return source.fail(StoreOperation::read, error);
+  bool copied = true;
+  for (const EntityDescription& entity : model_->entities())
+    copied = copied && copyRows(entity, source, error);
+  source.connection_->execute("ROLLBACK");
+  return copied;
+}
+
+bool SQLiteStore::copyRows(const EntityDescription& entity, SQLiteStore& source, ErrorPtr* error) {
+  ErrorPtr writeError;
+  bool written = true;
+  std::vector<Value> values(entity.properties().size());
+  const auto copy = [&](const FetchedRow& row) {
+    if (!written) return;
+    row.read(values);
+    written = insertRow(entity, row.rowNumber(), values, &writeError);
+  };
+  if (!source.fetch(entity, nullptr, copy, error)) return false;
+  if (!written) {
+    setError(error, writeError);
+    return false;
   }
-  return true;
+  const auto last = source.lastRowNumber(entity, error);
+  return last && setLastRowNumber(entity, *last, error);
 }
 
 // --- metadata
@@ -331,37 +336,41 @@ void SQLiteStore::rollback() {
   if (std::exchange(queued_, false)) writersQueue_->unlock();
 }
 
+std::optional<std::int64_t> SQLiteStore::lastRowNumber(const EntityDescription& entity, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement counter = connection_->prepare(sql(entity).lastRow);
+  if (counter) counter.bind(1, std::int64_t{entity.number()});
+  const int result = counter ? counter.step() : SQLITE_ERROR;
+  if (result == SQLITE_ROW) return counter.integer(0);
+  if (result == SQLITE_DONE)
+    setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers for " + entity.name()));
+  else
+    fail(StoreOperation::save, error);
+  return std::nullopt;
+}
+
+bool SQLiteStore::setLastRowNumber(const EntityDescription& entity, std::int64_t last, ErrorPtr* error) {
+  const std::lock_guard lock(mutex_);
+  SQLiteStatement update = connection_->prepare("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?");
+  if (update) {
+    update.bind(1, last);
+    update.bind(2, std::int64_t{entity.number()});
+    if (update.step() == SQLITE_DONE) return true;
+  }
+  return fail(StoreOperation::save, error);
+}
+
 std::optional<std::int64_t> SQLiteStore::reserveRowNumbers(const EntityDescription& entity,
                                                            std::int64_t count, ErrorPtr* error) {
   const std::lock_guard lock(mutex_);
-  const std::int64_t entityNumber = entity.number();
-  std::int64_t last = 0;
-  {
-    SQLiteStatement counter = connection_->prepare(sql(entity).lastRow);
-    if (counter) counter.bind(1, entityNumber);
-    const int result = counter ? counter.step() : SQLITE_ERROR;
-    if (result == SQLITE_DONE) {
-      setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers for " + entity.name()));
-      return std::nullopt;
-    }
-    if (result != SQLITE_ROW) {
-      fail(StoreOperation::save, error);
-      return std::nullopt;
-    }
-    last = counter.integer(0);
-  }
-  if (last > std::numeric_limits<std::int64_t>::max() - count) {
+  const auto last = lastRowNumber(entity, error);
+  if (!last) return std::nullopt;
+  if (*last > std::numeric_limits<std::int64_t>::max() - count) {
     setError(error, storeError(kStoreCorrupt, path_, "it has no row numbers left for " + entity.name()));
     return std::nullopt;
   }
-  SQLiteStatement update = connection_->prepare("UPDATE Z_PRIMARYKEY SET Z_MAX = ? WHERE Z_ENT = ?");
-  if (update) {
-    update.bind(1, last + count);
-    update.bind(2, entityNumber);
-    if (update.step() == SQLITE_DONE) return last + count;
-  }
-  fail(StoreOperation::save, error);
-  return std::nullopt;
+  if (!setLastRowNumber(entity, *last + count, error)) return std::nullopt;
+  return *last + count;
 }
 
 bool SQLiteStore::insertRow(const EntityDescription& entity, std::int64_t row,

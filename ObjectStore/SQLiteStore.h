@@ -91,7 +91,6 @@ class SQLiteStore : public PersistentStore {
   bool keepIdentity(const FileIdentity& before, ErrorPtr* error);
   bool bringUpToDate(const StoreMetadata& found, const ModelVersions& versions, ErrorPtr* error);
   bool migrateFrom(const ManagedObjectModel& earlier, ErrorPtr* error);
-  bool refuseModel(const std::string& why, ErrorPtr* error);
   bool probeTables(ErrorPtr* error);
   bool isQueued();
   void reopenForWriting();
@@ -103,6 +102,10 @@ class SQLiteStore : public PersistentStore {
   std::string joins(const EntityDescription& entity, const PredicateSQL& selection) const;
   bool fail(StoreOperation operation, ErrorPtr* error);
   bool copyRowsFrom(SQLiteStore& source, ErrorPtr* error);
+  bool copyRows(const EntityDescription& entity, SQLiteStore& source, ErrorPtr* error);
+  /// The last row number that was handed out.
+  std::optional<std::int64_t> lastRowNumber(const EntityDescription& entity, ErrorPtr* error);
+  bool setLastRowNumber(const EntityDescription& entity, std::int64_t last, ErrorPtr* error);
   const EntitySQL& sql(const EntityDescription& entity) const;
 
   const ManagedObjectModelPtr model_;

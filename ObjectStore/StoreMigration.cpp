@@ -1,15 +1,16 @@
 // How a store is brought up to date, all in one transaction:
 //
 // 1. The last row number of each entity is noted.
-// 2. Tables of entities that are gone are dropped, and Z_PRIMARYKEY is emptied: entities are numbered by
-//    their names, so one that is added renumbers others.
-// 3. Each entity's table is put aside under another name, made anew, filled from the old one by SQL, and the
+// 2. Tables of entities that are gone are dropped.
+// 3. The bookkeeping tables are dropped and made anew, Z_METADATA with the present model.
+// 4. Each entity's table is put aside under another name, made anew, filled from the old one by SQL, and the
 //    old one dropped; then come its indexes and its row of Z_PRIMARYKEY.
-// 4. Z_METADATA names the present model.
 //
 // Tables are made anew, not altered: the old file is anyone's work, and what its columns were declared to be
-// or check does not get into the new one. What would make the copy much larger than the file is refused:
-// computed columns, and rows that share their pages.
+// or check does not get into the new one; nor is anything written to a table of the old file, which would
+// compute the indexes that somebody put over it. What would make the copy much larger than the file, or the
+// work endless, is refused: computed columns, tables that are not in the order of their row numbers, and what
+// goes past the bounds below.
 #include "ObjectStore/StoreMigration.h"
 
 #include <sqlite3.h>
@@ -17,10 +18,9 @@
 #include <algorithm>
 #include <map>
 
+#include "ObjectStore/GuardedVFS.h"
 #include "ObjectStore/SQLiteRows.h"
 #include "ObjectStore/SQLiteSchema.h"
-#include "Platform/Host.h"
-#include "Platform/PropertyList.h"
 
 namespace qx {
 
@@ -32,7 +32,11 @@ using Kind = PropertyDescription::Kind;
 constexpr std::int64_t kMostGrowth = 8;
 constexpr std::int64_t kSparePages = 1000;
 constexpr std::int64_t kNoPageLimit = 4294967294;  // SQLite's own
-constexpr std::uint64_t kFullBelowBytes = 1'000'000;
+// Steps of SQLite's virtual machine: 58 for an event, so 1,400 for a page of the file as it comes, and 6,800
+// for one of events that hold nothing but their numbers.
+constexpr std::int64_t kSpareSteps = 10'000'000;
+constexpr std::int64_t kStepsPerPage = 150'000;
+constexpr int kStepsBetweenLooks = 10'000;
 
 const PropertyDescription* propertyOf(const EntityDescription& entity, std::string_view name) {
   const auto index = entity.indexOf(name);
@@ -58,6 +62,23 @@ String mappingProblem(const ManagedObjectModel& earlier, const ManagedObjectMode
   return std::nullopt;
 }
 
+/// Ends the statements of a connection with SQLITE_INTERRUPT, while it lives, once they have taken that many
+/// steps together.
+class WorkLimit {
+ public:
+  WorkLimit(SQLiteConnection& connection, std::int64_t steps)
+      : connection_(connection), looksLeft_(steps / kStepsBetweenLooks) {
+    connection_.watchProgress(kStepsBetweenLooks, [this] { return looksLeft_-- > 0; });
+  }
+  WorkLimit(const WorkLimit&) = delete;
+  WorkLimit& operator=(const WorkLimit&) = delete;
+  ~WorkLimit() { connection_.watchProgress(0, nullptr); }
+
+ private:
+  SQLiteConnection& connection_;
+  std::int64_t looksLeft_;
+};
+
 class Migration {
  public:
   Migration(SQLiteConnection& connection, const ManagedObjectModel& earlier,
@@ -65,7 +86,9 @@ class Migration {
       : connection_(connection), earlier_(earlier), present_(present) {}
 
   bool run(const StoreMetadata& metadata) {
-    if (!limitGrowth()) return fail();
+    const auto pages = pageCount();
+    if (!pages || !setPageLimit(std::min(kNoPageLimit, *pages * kMostGrowth + kSparePages))) return fail();
+    const WorkLimit limit(connection_, kSpareSteps + *pages * kStepsPerPage);
     const bool migrated = migrateAll(metadata);
     setPageLimit(kNoPageLimit);
     return migrated;
@@ -78,37 +101,48 @@ class Migration {
     return connection_.execute("PRAGMA max_page_count = " + std::to_string(pages));
   }
 
-  bool limitGrowth() {
-    std::int64_t pages = 0;
-    {
-      SQLiteStatement count = connection_.prepare("PRAGMA page_count");
-      if (!count || count.step() != SQLITE_ROW) return false;
-      pages = count.integer(0);
-    }
-    return setPageLimit(std::min(kNoPageLimit, pages * kMostGrowth + kSparePages));
+  std::optional<std::int64_t> pageCount() {
+    SQLiteStatement count = connection_.prepare("PRAGMA page_count");
+    if (!count || count.step() != SQLITE_ROW) return std::nullopt;
+    return count.integer(0);
   }
 
   bool migrateAll(const StoreMetadata& metadata) {
+    for (const std::string table : {"Z_PRIMARYKEY", "Z_METADATA"})
+      if (!checkColumns(table)) return false;
     for (const EntityDescription& entity : earlier_.entities())
-      if (!noteRowNumbers(entity) || !checkColumns(entity)) return false;
+      if (!checkTable(entity.table()) || !noteRowNumbers(entity)) return false;
     for (const EntityDescription& entity : earlier_.entities())
       if (present_.entity(entity.name()) == nullptr && !connection_.execute("DROP TABLE " + entity.table()))
         return fail();
-    if (!connection_.execute("DELETE FROM Z_PRIMARYKEY")) return fail();
+    if (!renewBookkeeping(metadata)) return fail();
     for (const EntityDescription& entity : present_.entities())
       if (!migrate(entity)) return false;
-    return writeMetadata(metadata);
+    return true;
   }
 
-  bool checkColumns(const EntityDescription& entity) {
-    const Value table(entity.table());
-    SQLiteStatement computed =
-        connection_.prepare("SELECT name FROM pragma_table_xinfo(?) WHERE hidden <> 0 LIMIT 1");
-    if (computed) computed.bind(1, table);
-    const int result = computed ? computed.step() : SQLITE_ERROR;
+  /// Whether `sql` gives no row for a table's name: 259 with `words` otherwise.
+  bool hasNone(const std::string& sql, const std::string& table, const std::string& words) {
+    const Value name(table);
+    SQLiteStatement problems = connection_.prepare(sql);
+    if (problems) problems.bind(1, name);
+    const int result = problems ? problems.step() : SQLITE_ERROR;
     if (result == SQLITE_DONE) return true;
-    if (result != SQLITE_ROW) return fail();
-    return failAsCorrupt("a column of " + entity.table() + " is computed");
+    return result == SQLITE_ROW ? failAsCorrupt(words) : fail();
+  }
+
+  bool checkColumns(const std::string& table) {
+    return hasNone("SELECT 1 FROM pragma_table_xinfo(?) WHERE hidden <> 0 LIMIT 1", table,
+                   "a column of " + table + " is computed");
+  }
+
+  /// A primary key that is not the row's own number in SQLite has an index of its own.
+  bool checkTable(const std::string& table) {
+    return checkColumns(table) &&
+           hasNone(
+               "SELECT 1 WHERE NOT EXISTS (SELECT 1 FROM pragma_table_info(?1) WHERE UPPER(name) = "
+               "'Z_PK' AND pk = 1) OR EXISTS (SELECT 1 FROM pragma_index_list(?1) WHERE origin = 'pk')",
+               table, "the rows of " + table + " do not go by their numbers");
   }
 
   bool noteRowNumbers(const EntityDescription& entity) {
@@ -119,6 +153,13 @@ class Migration {
     if (result != SQLITE_ROW) return fail();
     lastRows_[entity.name()] = counter.integer(0);
     return true;
+  }
+
+  bool renewBookkeeping(const StoreMetadata& metadata) {
+    StoreMetadata present = metadata;
+    describeModel(present_, present.values);
+    return connection_.execute("DROP TABLE Z_PRIMARYKEY") && connection_.execute("DROP TABLE Z_METADATA") &&
+           createBookkeeping(connection_) && addMetadata(connection_, present);
   }
 
   bool migrate(const EntityDescription& entity) {
@@ -158,18 +199,6 @@ class Migration {
     return copy.step() == SQLITE_DONE;
   }
 
-  bool writeMetadata(const StoreMetadata& metadata) {
-    Dictionary values = metadata.values;
-    describeModel(present_, values);
-    const auto bytes = writeBinaryPropertyList(values);
-    if (!bytes) return failAsCorrupt("its metadata cannot be written");
-    const Value list{Data(*bytes)};
-    SQLiteStatement update = connection_.prepare(
-        "UPDATE Z_METADATA SET Z_PLIST = ? WHERE Z_VERSION = (SELECT MIN(Z_VERSION) FROM Z_METADATA)");
-    if (update) update.bind(1, list);
-    return (update && update.step() == SQLITE_DONE) || fail();
-  }
-
   /// Our statements are right for the file that the metadata speaks of: what they cannot do, or what
   /// contradicts itself, tells that the file is another.
   bool fail() {
@@ -181,22 +210,15 @@ class Migration {
       case SQLITE_MISMATCH:
       case SQLITE_TOOBIG:
         return failAsCorrupt("it is not what its metadata says: " + problem_->localizedDescription());
+      case SQLITE_INTERRUPT:  // nobody else interrupts
+        return failAsCorrupt("to bring it up to date takes far more work than its size tells");
       case SQLITE_FULL:
-        if (!isDiskFull() && !isSound()) failAsCorrupt("its rows share their pages");
+        if (writesWithoutRoom() == writesWithoutRoom_)
+          failAsCorrupt("brought up to date it would be far larger than it is");
         return false;
       default:
         return false;
     }
-  }
-
-  bool isDiskFull() const {
-    return Host::current().freeSize(connection_.path()).value_or(0) < kFullBelowBytes;
-  }
-
-  bool isSound() {
-    connection_.execute("ROLLBACK");
-    SQLiteStatement check = connection_.prepare("PRAGMA quick_check(1)");
-    return check && check.step() == SQLITE_ROW && check.value(0, AttributeType::string) == Value("ok");
   }
 
   bool failAsCorrupt(const std::string& words) {
@@ -208,20 +230,33 @@ class Migration {
   const ManagedObjectModel& earlier_;
   const ManagedObjectModel& present_;
   std::map<std::string, std::int64_t> lastRows_;  // by entity
+  const std::uint64_t writesWithoutRoom_ = writesWithoutRoom();
   ErrorPtr problem_;
 };
 
 }  // namespace
 
+ErrorPtr anotherModel(const std::string& path, const std::string& why) {
+  return storeError(kStoreOfAnotherModel, path, "it was made for another version of the model" + why);
+}
+
 ManagedObjectModelPtr earlierVersion(const ManagedObjectModel& present, const ModelVersions& versions,
-                                     const StoreMetadata& metadata, String* problem) {
-  if (!versions) return nullptr;
-  for (const auto& version : versions()) {
+                                     const StoreMetadata& metadata, const std::string& path,
+                                     ErrorPtr* error) {
+  std::vector<ManagedObjectModelPtr> known;
+  if (versions) {
+    auto all = versions(error);
+    if (!all) return nullptr;
+    known = std::move(*all);
+  }
+  for (const auto& version : known) {
     if (!version->isCompatibleWith(metadata)) continue;
     const String obstacle = mappingProblem(*version, present);
-    if (problem != nullptr) *problem = obstacle;
-    return obstacle ? nullptr : version;
+    if (!obstacle) return version;
+    setError(error, anotherModel(path, ", and " + *obstacle));
+    return nullptr;
   }
+  setError(error, anotherModel(path, ""));
   return nullptr;
 }
 

@@ -51,9 +51,10 @@ bool QXDatabaseAccessor::initPrivately() {
 
   if (!openEventClassDatabase()) return false;
 
-  m_pCoordinator = std::make_shared<qx::PersistentStoreCoordinator>(m_pModel, [path = *modelPath] {
-    return qx::ManagedObjectModel::loadAll(path.substr(0, path.rfind('/')));
-  });
+  m_pCoordinator =
+      std::make_shared<qx::PersistentStoreCoordinator>(m_pModel, [path = *modelPath](qx::ErrorPtr* problem) {
+        return qx::ManagedObjectModel::loadAll(path.substr(0, path.rfind('/')), problem);
+      });
   m_pContext = std::make_shared<qx::ManagedObjectContext>(m_pCoordinator);
   openStoreAtStart();
 

@@ -92,7 +92,8 @@ class QX_EXPORT QXDatabaseAccessor {
   void removeLegacyEventStore();
 
   /// Whether the store file is sound and only waits to be brought up to date: a full disk, say, or another
-  /// failure that passes prevented that, or the file was put there since. lock() held.
+  /// failure that passes prevented that, or the file was put there since. True, too, as long as nobody can
+  /// tell: it cannot be read, or the model's versions cannot. lock() held.
   bool isStoreToBeMigrated() const;
 
   // Repair.
@@ -127,6 +128,9 @@ class QX_EXPORT QXDatabaseAccessor {
   qx::PersistentStorePtr createPersistentStoreAtPath(const std::string& path, qx::ErrorPtr* error);
   qx::PersistentStorePtr openExistingStore(const std::string& path, qx::ErrorPtr* error);
   qx::PersistentStorePtr createMissingStore(const std::string& path, qx::ErrorPtr* error);
+  /// A copy of the seed database; an empty store without one.
+  qx::PersistentStorePtr createFreshStore(const std::string& path, qx::ErrorPtr* error);
+  /// Null, with 516, when another process made the store in the meantime.
   qx::PersistentStorePtr storeByCopying(const qx::PersistentStorePtr& original, const std::string& path,
                                         qx::ErrorPtr* error);
   /// Opens the store file for the contexts without keeping it in m_Store.

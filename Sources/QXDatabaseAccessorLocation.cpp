@@ -24,10 +24,14 @@ constexpr mode_t kOpenToAll = 0777;
 const qx::FileAttributes kStoreFileAttributes{.permissions = 0666, .immutable = false};
 
 constexpr std::int64_t kCorruptFileError = 259;
-constexpr std::int64_t kFileExistsError = 516;
 
 qx::Dictionary readOnlyOptions() {
   return {{std::string(qx::kReadOnlyPersistentStoreOption), true}};
+}
+
+/// Whether the new store could not be moved into place because there was one by then.
+bool isMadeByAnother(const qx::ErrorPtr& error) {
+  return error && error->domain() == qx::kCocoaErrorDomain && error->code() == qx::kStoreFileExists;
 }
 
 void ensureOpenDirectory(std::string_view fixedPath, std::optional<mode_t> permissionsWhenMade) {
@@ -105,15 +109,31 @@ qx::PersistentStorePtr QXDatabaseAccessor::openExistingStore(const std::string& 
 qx::PersistentStorePtr QXDatabaseAccessor::createMissingStore(const std::string& path, qx::ErrorPtr* error) {
   auto& host = qx::Host::current();
   QXLogInfo("File does not exist at path the required path[%{public}@]", path);
-  if (host.fileExists(host.resolve(kLegacyEventStorePath))) {
-    auto store = storeByMigratingFromLegacyEventStore(error);
+  const bool hasLegacy = host.fileExists(host.resolve(kLegacyEventStorePath));
+  qx::ErrorPtr problem;
+  qx::PersistentStorePtr store;
+  if (hasLegacy) {
+    store = storeByMigratingFromLegacyEventStore(&problem);
+    *error = problem;
     // A full disk, or another failure that passes, must not cost the records: with the old store removed, or
     // a fresh one in the new place, no later start would take them over.
-    if (!store && *error && qx::isPassingFailure(**error)) return nullptr;
-    removeLegacyEventStore();
-    if (store) return store;
+    if (!store && problem && qx::isPassingFailure(*problem)) return nullptr;
   }
+  if (!store && !isMadeByAnother(problem)) {
+    store = createFreshStore(path, &problem);
+    if (problem) *error = problem;
+  }
+  if (!store && isMadeByAnother(problem)) {
+    // Whether the records are in it is the other process's to know, and the old store its to remove.
+    *error = nullptr;
+    return m_pCoordinator->addPersistentStore(qx::kSQLiteStoreType, storePath(), eventStoreOptions(), error);
+  }
+  // What failed may have been the new place, and not the old store: only a store that stands there ends it.
+  if (store && hasLegacy) removeLegacyEventStore();
+  return store;
+}
 
+qx::PersistentStorePtr QXDatabaseAccessor::createFreshStore(const std::string& path, qx::ErrorPtr* error) {
   const auto seedPath = qx::Bundle::library().resourcePath("EventClassStore", "qxstore");
   const auto seed =
       seedPath ? m_pCoordinator->addPersistentStore(qx::kSQLiteStoreType, *seedPath, readOnlyOptions(), error)
@@ -132,18 +152,11 @@ qx::PersistentStorePtr QXDatabaseAccessor::createMissingStore(const std::string&
 
 qx::PersistentStorePtr QXDatabaseAccessor::storeByCopying(const qx::PersistentStorePtr& original,
                                                           const std::string& path, qx::ErrorPtr* error) {
-  qx::ErrorPtr copyError;
   auto store = m_pCoordinator->migratePersistentStore(original, path, eventStoreOptions(),
-                                                      qx::kSQLiteStoreType, &copyError);
-  if (store) return store;
+                                                      qx::kSQLiteStoreType, error);
   // Otherwise the contexts would go on to work on the original.
-  m_pCoordinator->removePersistentStore(original);
-  if (copyError && copyError->domain() == qx::kCocoaErrorDomain && copyError->code() == kFileExistsError) {
-    // Another process made the store in the meantime.
-    return m_pCoordinator->addPersistentStore(qx::kSQLiteStoreType, path, eventStoreOptions(), error);
-  }
-  *error = copyError;
-  return nullptr;
+  if (!store) m_pCoordinator->removePersistentStore(original);
+  return store;
 }
 
 bool QXDatabaseAccessor::isStoreMetaDataAtPath(const std::string& path, qx::ErrorPtr* compatibleError) {

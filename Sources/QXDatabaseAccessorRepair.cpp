@@ -114,8 +114,10 @@ bool QXDatabaseAccessor::createNewStore(qx::ErrorPtr*) {
 
 bool QXDatabaseAccessor::isStoreToBeMigrated() const {
   if (openingError_ && !qx::isPassingFailure(*openingError_)) return false;
-  const auto metadata = qx::PersistentStoreCoordinator::metadataForPersistentStore(storePath());
-  return metadata && m_pCoordinator->isOfEarlierVersion(*metadata);
+  qx::ErrorPtr problem;
+  const auto metadata = qx::PersistentStoreCoordinator::metadataForPersistentStore(storePath(), &problem);
+  if (!metadata) return openingError_ && problem && qx::isPassingFailure(*problem);
+  return m_pCoordinator->mayBeOfEarlierVersion(*metadata);
 }
 
 bool QXDatabaseAccessor::removeCorruptedStore(qx::ErrorPtr*) {

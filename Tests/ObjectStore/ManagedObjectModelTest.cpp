@@ -1,5 +1,6 @@
 #include "ObjectStore/ManagedObjectModel.h"
 
+#include <filesystem>
 #include <map>
 
 #include "Tests/ObjectStore/StoreFixture.h"
@@ -59,10 +60,26 @@ TEST(ManagedObjectModel, IsRefusedWithAWordOnWhatIsWrong) {
   EXPECT_EQ(error->code(), 260);
 }
 
+TEST(ManagedObjectModel, GivesAllVersionsOrNone) {
+  const TemporaryDirectory directory;
+  EXPECT_EQ(ManagedObjectModel::loadAll(directory.path())->size(), 0U);
+  std::filesystem::copy_file(QX_MODEL_FILE, directory / "good.mom");
+  directory.write("notes.txt", "");
+  EXPECT_EQ(ManagedObjectModel::loadAll(directory.path())->size(), 1U);
+  directory.write("bad.mom", "<plist");
+  for (const std::string& path : {directory.path(), directory / "none", directory / "good.mom"}) {
+    ErrorPtr error;
+    EXPECT_FALSE(ManagedObjectModel::loadAll(path, &error)) << path;
+    ASSERT_NE(error, nullptr) << path;
+    EXPECT_TRUE(error->code() == 256 && error->underlying()) << error->summary();
+  }
+}
+
 TEST(ManagedObjectModel, OfTheProductKeepsTheHashesOfEveryVersion) {
   // What stores in the field carry. A hash that changes makes them stores of an unknown version.
   std::map<std::string, std::string> versions;
-  for (const auto& model : ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY)) {
+  const auto all = ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY).value();
+  for (const auto& model : all) {
     std::string& start = versions[model->version()];
     for (const EntityDescription& entity : model->entities())
       for (const char byte : entity.versionHash().bytes().substr(0, 2)) {

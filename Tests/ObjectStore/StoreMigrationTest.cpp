@@ -18,8 +18,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<ManagedObjectModelPtr> productVersions() {
-  return ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY);
+using Versions = std::optional<std::vector<ManagedObjectModelPtr>>;
+
+Versions productVersions(ErrorPtr* error) {
+  return ManagedObjectModel::loadAll(QX_MODEL_DIRECTORY, error);
 }
 
 Dictionary migratingOptions() {
@@ -92,9 +94,17 @@ TEST_F(StoreMigration, KeepsRowsAndIdentityOfEveryEarlierVersion) {
   for (const int version : {1, 2}) {
     SCOPED_TRACE(version);
     const std::string path = old(version);
-    const std::string columns =
-        "Z_PK || Z_OPT || ZEVENTID || ZEVENTREADSTATUS || ZEVENTTRIGGERTIME || ZEVENTCURRENTSTATE || "
-        "ZEVENTSOURCEID || HEX(ZEVENTADDITIONALINFO) || ZEVENTCLASS";
+    std::string columns = "Z_PK || '|' || Z_OPT";
+    for (const char* const name : {"EVENTID", "EVENTREADSTATUS", "EVENTTRIGGERTIME", "EVENTCURRENTSTATE",
+                                   "EVENTSOURCEID", "EVENTADDITIONALINFO", "EVENTCLASS"})
+      columns += std::string(" || '|' || QUOTE(Z") + name + ")";
+    // Rows 9 to 79 were removed, and one event has nothing but its ID.
+    for (const std::string sql :
+         {"UPDATE Z_PRIMARYKEY SET Z_MAX = 79 WHERE Z_NAME = 'QXEvent'",
+          "UPDATE ZQXEVENT SET ZEVENTREADSTATUS = NULL, ZEVENTTRIGGERTIME = NULL, ZEVENTCURRENTSTATE = NULL, "
+          "ZEVENTSOURCEID = NULL, ZEVENTADDITIONALINFO = NULL, ZEVENTCLASS = NULL WHERE ZEVENTID = "
+          "'EVENT-3'"})
+      ASSERT_EQ(RawDatabase(path)(sql), "");
     const std::string before = rowsOf(path, columns, "ZQXEVENT");
     const std::string identity = RawDatabase(path)("SELECT Z_UUID FROM Z_METADATA");
     {
@@ -121,7 +131,7 @@ TEST_F(StoreMigration, KeepsRowsAndIdentityOfEveryEarlierVersion) {
 
       const auto added = stack.context.insert("QXEvent");
       ASSERT_TRUE(stack.context.save());
-      EXPECT_EQ(added->rowNumber(), 9);
+      EXPECT_EQ(added->rowNumber(), 80);
       stack.context.remove(added);
       ASSERT_TRUE(stack.context.save());
     }
@@ -151,10 +161,13 @@ TEST_F(StoreMigration, IsRefusedWithoutTheRightToDoIt) {
     options.set(std::string(left), left == kReadOnlyPersistentStoreOption);
     EXPECT_EQ(Opened(path, options).code(), 134100) << left;
   }
-  const auto onlyPresent = [] { return std::vector<ManagedObjectModelPtr>{productModel()}; };
+  const auto onlyPresent = [](ErrorPtr*) { return Versions({productModel()}); };
   EXPECT_EQ(Opened(path, migratingOptions(), productModel(), onlyPresent).code(), 134100);
   EXPECT_EQ(Opened(path, migratingOptions(), productModel(), nullptr).code(), 134100);
-  EXPECT_EQ(contentOf(path), before);
+  const auto unread = [](ErrorPtr* error) { return ManagedObjectModel::loadAll("/nowhere", error); };
+  const Opened blind(path, migratingOptions(), productModel(), unread);
+  EXPECT_TRUE(blind.code() == 256 && isPassingFailure(*blind.error)) << "it may be any of them";
+  EXPECT_TRUE(contentOf(path) == before);
   if (::geteuid() != 0) return;
   ::chmod(directory_.path().c_str(), 0755);
   ::chmod(path.c_str(), 0444);
@@ -164,7 +177,7 @@ TEST_F(StoreMigration, IsRefusedWithoutTheRightToDoIt) {
   EXPECT_EQ(stack.code(), 134030);
   EXPECT_EQ(stack.error->underlying()->code(), 513);
   EXPECT_TRUE(isPassingFailure(*stack.error));
-  EXPECT_EQ(contentOf(path), before);
+  EXPECT_TRUE(contentOf(path) == before);
 }
 
 constexpr const char* kEarlierEntities = R"(
@@ -206,7 +219,7 @@ TEST_F(StoreMigration, DropsWhatIsGoneAndFillsInDefaults) {
     ASSERT_TRUE(stack.context.save());
   }
   {
-    Opened stack(path, migratingOptions(), present, [&] { return std::vector{earlier, present}; });
+    Opened stack(path, migratingOptions(), present, [&](ErrorPtr*) { return Versions({earlier, present}); });
     ASSERT_EQ(stack.code(), 0) << stack.error->summary();
     const auto found = stack.context.fetch("Device", nullptr).value();
     ASSERT_EQ(found.size(), 1U);
@@ -240,12 +253,12 @@ TEST_F(StoreMigration, NamesWhatCannotBeInferred) {
   };
   for (const auto& [name, entities] : obstacles) {
     const auto present = model("2", entities);
-    const Opened stack(path, migratingOptions(), present, [&] { return std::vector{earlier}; });
+    const Opened stack(path, migratingOptions(), present, [&](ErrorPtr*) { return Versions({earlier}); });
     EXPECT_EQ(stack.code(), 134100);
     EXPECT_NE(stack.error->localizedDescription().find(name.substr(0, 11)), std::string::npos)
         << stack.error->localizedDescription();
   }
-  EXPECT_EQ(contentOf(path), before);
+  EXPECT_TRUE(contentOf(path) == before);
 }
 
 TEST_F(StoreMigration, OfAHostileFileEndsInAnErrorAndLeavesItAsItWas) {
@@ -257,7 +270,7 @@ TEST_F(StoreMigration, OfAHostileFileEndsInAnErrorAndLeavesItAsItWas) {
       {"no counters", {"DELETE FROM Z_PRIMARYKEY WHERE Z_ENT = 2"}},
       {"a table in the way", {"CREATE TABLE ZQXBLOCKEDEVENT (x)"}},
       {"a table aside", {"CREATE TABLE Z_EARLIER_QXEvent (x)"}},
-      {"an index in the way", {"CREATE INDEX Z_QXEvent_eventClass ON Z_METADATA (Z_UUID)"}},
+      {"an index in the way", {"CREATE TABLE x (y)", "CREATE INDEX Z_QXEvent_eventClass ON x (y)"}},
       {"row numbers twice",
        {"ALTER TABLE ZQXEVENT RENAME TO x",
         "CREATE TABLE ZQXEVENT AS SELECT * FROM x UNION ALL SELECT * FROM x"}},
@@ -267,9 +280,18 @@ TEST_F(StoreMigration, OfAHostileFileEndsInAnErrorAndLeavesItAsItWas) {
       {"a computed column",
        {"ALTER TABLE ZQXEVENT DROP COLUMN ZEVENTREADSTATUS",
         "ALTER TABLE ZQXEVENT ADD COLUMN ZEVENTREADSTATUS AS (HEX(ZEROBLOB(60000000)))"}},
-      {"metadata that nothing replaces",
-       {"ALTER TABLE Z_METADATA RENAME TO x",
-        "CREATE TABLE Z_METADATA AS SELECT NULL AS Z_VERSION, Z_UUID, Z_PLIST FROM x"}},
+      {"a key that is not the row's number",
+       {"ALTER TABLE ZQXEVENT RENAME TO x",
+        "CREATE TABLE ZQXEVENT (Z_PK INTEGER PRIMARY KEY DESC, Z_ENT, Z_OPT, ZEVENTID, ZEVENTREADSTATUS, "
+        "ZEVENTTRIGGERTIME, ZEVENTCURRENTSTATE, ZEVENTSOURCEID, ZEVENTADDITIONALINFO, ZEVENTCLASS)"}},
+      {"no row numbers at all",
+       {"ALTER TABLE ZQXEVENTCLASS RENAME TO x",
+        "CREATE TABLE ZQXEVENTCLASS (Z_PK INTEGER PRIMARY KEY, Z_ENT, Z_OPT, ZEVENTCLASSID, ZEVENTHANDLER, "
+        "ZEVENTSEVERITY, ZTOTALSTATES) WITHOUT ROWID"}},
+      {"a computed counter",
+       {"DROP TABLE Z_PRIMARYKEY",
+        "CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_MAX AS (HEX(ZEROBLOB(9000000))))",
+        "INSERT INTO Z_PRIMARYKEY VALUES (1), (2), (3)"}},
   };
   for (const auto& [name, statements] : attacks) {
     const std::string path = old(1);
@@ -279,9 +301,27 @@ TEST_F(StoreMigration, OfAHostileFileEndsInAnErrorAndLeavesItAsItWas) {
     const Opened stack(path);
     EXPECT_EQ(stack.code(), 259) << name << ": " << (stack.error ? stack.error->summary() : "");
     EXPECT_TRUE(stack.error && !isPassingFailure(*stack.error)) << name;
-    EXPECT_EQ(contentOf(path), before) << name;
+    EXPECT_TRUE(contentOf(path) == before) << name;
     EXPECT_FALSE(fs::exists(path + "-journal"));
   }
+}
+
+TEST_F(StoreMigration, TakesNothingOverThatHangsOnTheBookkeepingTables) {
+  const std::string path = old(1);
+  const std::string identity = RawDatabase(path)("SELECT Z_UUID FROM Z_METADATA");
+  for (const std::string sql :
+       {"ALTER TABLE Z_METADATA RENAME TO x",
+        "CREATE TABLE Z_METADATA AS SELECT NULL AS Z_VERSION, Z_UUID, Z_PLIST FROM x", "DROP TABLE x",
+        "ALTER TABLE Z_PRIMARYKEY RENAME TO x",
+        "CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY CHECK (Z_ENT < 4), Z_NAME, Z_SUPER, Z_MAX)",
+        "INSERT INTO Z_PRIMARYKEY SELECT Z_ENT, Z_NAME, 0, 80 FROM x", "DROP TABLE x",
+        "CREATE INDEX i ON Z_PRIMARYKEY (HEX(ZEROBLOB(30000000))) WHERE Z_ENT > 3"})
+    ASSERT_EQ(RawDatabase(path)(sql), "") << sql;
+  { EXPECT_EQ(Opened(path).code(), 0); }
+  { const Opened fresh(directory_ / "fresh"); }
+  EXPECT_EQ(schemaOf(path), schemaOf(directory_ / "fresh"));
+  EXPECT_EQ(RawDatabase(path)("SELECT GROUP_CONCAT(Z_MAX) FROM Z_PRIMARYKEY"), "0,0,80,80,80,0");
+  EXPECT_EQ(RawDatabase(path)("SELECT Z_VERSION || Z_UUID FROM Z_METADATA"), "1" + identity);
 }
 
 TEST_F(StoreMigration, TakesValuesOfAnotherKindAsTheyAre) {
@@ -388,9 +428,56 @@ TEST_F(StoreMigration, DoesNotGrowWithoutBoundOnRowsThatShareTheirPages) {
   directory_.write("version1.qxstore", file);
   const Opened stack(path);
   ASSERT_EQ(stack.code(), 259);
-  EXPECT_NE(stack.error->localizedDescription().find("share their pages"), std::string::npos)
+  EXPECT_NE(stack.error->localizedDescription().find("far larger"), std::string::npos)
       << stack.error->localizedDescription();
-  EXPECT_EQ(contentOf(path), file);
+  EXPECT_TRUE(contentOf(path) == file);
+}
+
+TEST_F(StoreMigration, DoesNotGoOnForEverOverPagesThatLeadToTheSameOnes) {
+  // SQLite goes through the whole of sqlite_sequence whenever a table is renamed. Its first page leads to
+  // leaves of rows; here three of those become copies of it, each of which leads only to the next: 10^7 times
+  // its rows.
+  constexpr std::size_t kPage = 4096;
+  const std::string path = old(1);
+  std::size_t root = 0;
+  {
+    const RawDatabase raw(path);
+    raw("CREATE TABLE x (x INTEGER PRIMARY KEY AUTOINCREMENT)");
+    ASSERT_EQ(raw("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 40000) "
+                  "INSERT INTO sqlite_sequence SELECT 'x', i FROM n"),
+              "");
+    root = std::stoul(raw("SELECT rootpage FROM sqlite_master WHERE name = 'sqlite_sequence'"));
+  }
+  std::string file = contentOf(path);
+  const std::string first = file.substr((root - 1) * kPage, kPage);
+  const auto number = [&](std::size_t at, std::size_t size) {
+    std::size_t value = 0;
+    for (const char byte : first.substr(at, size))
+      value = value << 8 | static_cast<unsigned char>(byte);
+    return value;
+  };
+  ASSERT_EQ(first[0], 5) << "an interior page of a table";
+  std::vector<std::size_t> cells{
+      8};  // where the numbers of the pages below stand; the last one in the header
+  for (std::size_t i = 0; i < number(3, 2); ++i)
+    cells.push_back(number(12 + 2 * i, 2));
+  ASSERT_GT(cells.size(), 80U);
+  std::array<std::size_t, 5> chain{root};
+  for (std::size_t i = 1; i < chain.size(); ++i)
+    chain[i] = number(cells[i], 4);
+  for (std::size_t i = 0; i + 1 < chain.size(); ++i) {
+    std::string page = first;
+    for (const std::size_t cell : cells)
+      for (std::size_t byte = 0; byte < 4; ++byte)
+        page[cell + byte] = static_cast<char>(chain[i + 1] >> (24 - 8 * byte));
+    file.replace((chain[i] - 1) * kPage, kPage, page);
+  }
+  directory_.write("version1.qxstore", file);
+  const Opened stack(path);
+  ASSERT_EQ(stack.code(), 259);
+  EXPECT_NE(stack.error->localizedDescription().find("far more work"), std::string::npos)
+      << stack.error->localizedDescription();
+  EXPECT_TRUE(contentOf(path) == file);
 }
 
 /// SQLite's count of the transactions that changed the file:

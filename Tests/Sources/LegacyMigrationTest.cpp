@@ -11,6 +11,7 @@
 #include "Tests/ObjectStore/OldStore.h"
 #include "Tests/Sources/AccessorTesting.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/RawDatabase.h"
 
 namespace qx::test {
 namespace {
@@ -20,21 +21,28 @@ ManagedObjectModelPtr firstModel() {
       Bundle::library().resourcePath("QXStoreModel", "mom", "QXStoreModel.momd").value_or(""));
 }
 
-/// No file can grow past `bytes`, as on a disk that has no more room, while it lives.
-class NoRoom {
+/// A limit of the process's while it lives.
+class Limit {
  public:
-  explicit NoRoom(rlim_t bytes) {
+  Limit(__rlimit_resource resource, rlim_t most) : resource_(resource) {
     ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::getrlimit(resource_, &before_);
+    const rlimit limit{most, before_.rlim_max};
+    ::setrlimit(resource_, &limit);
   }
-  NoRoom(const NoRoom&) = delete;
-  NoRoom& operator=(const NoRoom&) = delete;
-  ~NoRoom() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+  Limit(const Limit&) = delete;
+  Limit& operator=(const Limit&) = delete;
+  ~Limit() { ::setrlimit(resource_, &before_); }
 
  private:
+  __rlimit_resource resource_;
   rlimit before_{};
+};
+
+/// No file can grow past `bytes`, as on a disk that has no more room, while it lives.
+class NoRoom : public Limit {
+ public:
+  explicit NoRoom(rlim_t bytes) : Limit(RLIMIT_FSIZE, bytes) {}
 };
 
 class LegacyMigration : public AccessorTest {
@@ -96,6 +104,82 @@ TEST_F(LegacyMigration, KeepsTheRecordsWhenTheDiskIsFull) {
   EXPECT_FALSE(fs::exists(under("/Users/Shared/Vantorix")));
 }
 
+TEST_F(LegacyMigration, KeepsTheRecordsWhenNoStoreCanStandInTheNewPlace) {
+  makeStore(legacy(), currentModel(), {"/from/legacy"});
+  const fs::path maker = under("/Users/Shared/QX");
+  const fs::path directory = store().parent_path();
+  const bool isRoot = ::geteuid() == 0;
+  ::chmod(root.path().c_str(), 0755);
+  fs::create_directories(under("/elsewhere"));
+  const std::vector<std::pair<const char*, std::function<void()>>> places{
+      {"a file above", [&] { writeFile(maker, ""); }},
+      {"a file", [&] { writeFile(directory, ""); }},
+      {"a link", [&] { fs::create_directory_symlink(under("/elsewhere"), directory); }},
+      {"a link above", [&] { fs::create_directory_symlink(under("/elsewhere"), maker); }},
+      {"a link that leads nowhere", [&] { fs::create_directory_symlink(under("/nowhere"), directory); }},
+      {"nothing", [&] {}},
+      {"another user's",
+       [&] {
+         fs::create_directories(directory);
+         ::chmod(directory.c_str(), 0555);
+         EXPECT_TRUE(!isRoot || ::seteuid(65534) == 0);
+       }},
+  };
+  for (const auto& [name, spoil] : places) {
+    SCOPED_TRACE(name);
+    if (std::string_view(name) != "a file above") fs::create_directories(maker);
+    if (std::string_view(name) == "a link above") fs::remove(maker);
+    spoil();
+    EXPECT_FALSE(accessor().updateStoreWithPath(store()));
+    EXPECT_TRUE(!isRoot || ::seteuid(0) == 0);
+    EXPECT_TRUE(fs::exists(legacy()));
+    EXPECT_FALSE(fs::exists(store()));
+    fs::remove_all(maker);
+  }
+  EXPECT_TRUE(accessor().createNewStore(nullptr));
+  EXPECT_EQ(applications(), std::set<std::string>{"/from/legacy"});
+  EXPECT_FALSE(fs::exists(under("/Users/Shared/Vantorix")));
+}
+
+TEST_F(LegacyMigration, LeavesTheOldStoreToTheProcessThatMadeTheNewOne) {
+  makeStore(store(), currentModel(), {"/by/another"});
+  makeStore(legacy(), currentModel(), {"/from/legacy"});
+  EXPECT_TRUE(accessor().updateStoreWithPath(under("/not-yet-there"))) << "the store came up in between";
+  EXPECT_EQ(applications(), std::set<std::string>{"/by/another"});
+  EXPECT_TRUE(fs::exists(legacy()));
+}
+
+/// Opens the store with one more descriptor each time, from none, until that works; looks after each failure.
+/// How often it failed.
+int failuresForWantOfDescriptors(const std::function<bool()>& open, const std::function<void()>& look) {
+  for (int failures = 0; failures < 100; ++failures) {
+    const Limit few(RLIMIT_NOFILE, static_cast<rlim_t>(failures));
+    if (open()) return failures;
+    look();
+  }
+  return -1;
+}
+
+TEST_F(LegacyMigration, KeepsTheRecordsWhenTheProcessHasNoDescriptorLeft) {
+  fs::create_directories(legacyDirectory());
+  makeOldStore(firstModel(), legacy(), 5);
+  writeFile(under("/Users/Shared/QX"), "in the way until the accessor is up");
+  EXPECT_FALSE(accessor().isPersistentStoreCreated());
+  fs::remove(under("/Users/Shared/QX"));
+  accessor().createDirectory();
+  const auto open = [&] { return accessor().updateStoreWithPath(store()); };
+  const auto expectKept = [&] { EXPECT_TRUE(fs::exists(legacy()) && !fs::exists(store())); };
+  EXPECT_GT(failuresForWantOfDescriptors(open, expectKept), 3);
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), 5U);
+
+  // In its place, where a repair takes it for corrupt.
+  makeOldStore(firstModel(), under("/old"), 7);
+  fs::rename(under("/old"), store());
+  const auto repair = [&] { EXPECT_FALSE(accessor().removeCorruptedStore(nullptr)); };
+  EXPECT_GT(failuresForWantOfDescriptors(open, repair), 3);
+  EXPECT_EQ(accessor().countOfManagedObjects(kEventEntity, nullptr, nullptr), 7U);
+}
+
 TEST_F(LegacyMigration, IsDoneInPlaceForAStoreInThePresentPlace) {
   fs::create_directories(store().parent_path());
   makeOldStore(firstModel(), store(), 2'000);
@@ -135,6 +219,15 @@ TEST_F(LegacyMigration, TakesTheRecordsOverAndLeavesNothingBehind) {
   addApplication("/bin/true");
   EXPECT_TRUE(save());
   EXPECT_FALSE(fs::exists(store().string() + "-wal"));
+}
+
+TEST_F(LegacyMigration, KeepsTheRowNumbersOfRemovedRecords) {
+  makeStore(legacy(), currentModel(), {"/from/legacy"});
+  ASSERT_EQ(RawDatabase(legacy().string())("UPDATE Z_PRIMARYKEY SET Z_MAX = 80"), "");
+  ASSERT_TRUE(accessor().isPersistentStoreCreated());
+  const auto added = addApplication("/added");
+  ASSERT_TRUE(save());
+  EXPECT_EQ(added->rowNumber(), 81);
 }
 
 TEST_F(LegacyMigration, KeepsADirectoryWithOtherFiles) {

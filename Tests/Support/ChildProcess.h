@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <exception>
 #include <functional>
+#include <iostream>
 #include <stdexcept>
 #include <utility>
 
@@ -73,9 +75,21 @@ class ChildProcess {
       : line_(ends[0]), process_(::fork()) {
     if (process_ == 0) {
       ::close(ends[0]);
-      ::_exit(body(Line(ends[1])));
+      ::_exit(run(body, Line(ends[1])));
     }
     ::close(ends[1]);
+  }
+
+  /// Nothing gets out of the body: the test that forked must not go on in two processes.
+  static int run(const std::function<int(const Line&)>& body, const Line& line) {
+    try {
+      return body(line);
+    } catch (const std::exception& problem) {
+      std::cerr << "child process: " << problem.what() << std::endl;
+    } catch (...) {
+      std::cerr << "child process: failed" << std::endl;
+    }
+    return 125;
   }
 
   Line line_;

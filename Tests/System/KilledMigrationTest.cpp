@@ -20,10 +20,10 @@ using qx::test::WorkerProcess;
 namespace fs = std::filesystem;
 
 constexpr int kEvents = 10'000;
-// Rounds between those that kill a process once it is done, and look closely at the store.
-constexpr int kRoundsBetweenLooks = QX_TESTS_SANITIZED != 0 ? 5 : 10;
-constexpr int kLegacyRounds = QX_TESTS_SANITIZED != 0 ? 10 : 100;
-constexpr int kInPlaceRounds = QX_TESTS_SANITIZED != 0 ? 5 : 40;
+// Kills at random moments. After so many of them a process is killed once it is done, besides.
+constexpr int kKillsBetweenFinishedRounds = QX_TESTS_SANITIZED != 0 ? 5 : 10;
+constexpr int kLegacyKills = QX_TESTS_SANITIZED != 0 ? 10 : 100;
+constexpr int kInPlaceKills = QX_TESTS_SANITIZED != 0 ? 5 : 40;
 
 class ConcurrentKilledMigration : public StoreMachine {
  protected:
@@ -39,7 +39,7 @@ class ConcurrentKilledMigration : public StoreMachine {
   std::string legacy() const { return root() + "/Users/Shared/Vantorix/QX Event Store/QXEventStore.qxstore"; }
 
   /// Makes an old store outside the machine's tree, the last of its rows in a write-ahead log.
-  void prepare(const char* modelFile) const {
+  void prepare(const char* modelFile) {
     qx::test::ChildProcess maker([&](const qx::test::ChildProcess::Line&) {
       const std::string model = std::string(QX_MODEL_DIRECTORY "/") + modelFile;
       ::execl(QX_OLD_STORE_MAKER, QX_OLD_STORE_MAKER, model.c_str(), (prepared_ / "store").c_str(),
@@ -48,6 +48,26 @@ class ConcurrentKilledMigration : public StoreMachine {
     });
     ASSERT_EQ(maker.exitStatus(), 0);
     ASSERT_GT(fs::file_size(prepared_ / "store-wal"), 100'000U);
+    const qx::test::TemporaryDirectory directory;
+    for (const char* const suffix : {"", "-wal"})
+      fs::copy_file(prepared_ / "store" + suffix, directory / "copy" + suffix);
+    expectedChecksum_ = checksumOf(RawStore(directory / "copy"));
+  }
+
+  /// Of all that the events hold, but the number of their entity, as the present version has it.
+  static std::size_t checksumOf(const RawStore& raw) {
+    const bool hasVersions =
+        raw.number("SELECT COUNT(*) FROM pragma_table_info('ZQXEVENT') WHERE name = 'ZEVENTVERSIONNUMBER'") !=
+        0;
+    std::string values =
+        "Z_PK || ' ' || Z_OPT || ' ' || " + std::string(hasVersions ? "ZEVENTVERSIONNUMBER" : "0");
+    for (const char* const name : {"EVENTID", "EVENTREADSTATUS", "EVENTTRIGGERTIME", "EVENTCURRENTSTATE",
+                                   "EVENTSOURCEID", "EVENTADDITIONALINFO", "EVENTCLASS"})
+      values += std::string(" || ' ' || QUOTE(Z") + name + ")";
+    std::string all;
+    for (const std::string& row : raw.texts("SELECT " + values + " FROM ZQXEVENT ORDER BY Z_PK"))
+      all += row + "\n";
+    return std::hash<std::string>()(all);
   }
 
   /// Everything is as it was before the first start, the old store at `place`.
@@ -58,6 +78,12 @@ class ConcurrentKilledMigration : public StoreMachine {
     fs::create_directories(directory);
     for (const char* const suffix : {"", "-wal"})
       fs::copy_file(prepared_ / "store" + suffix, place + suffix);
+    if (place == legacy()) {
+      for (const std::string& name :
+           {place + "-shm", directory + "/~QXEventStore.qxstore", directory + "/~QXEventStore.qxstore-shm",
+            directory + "/~QXEventStore.qxstore-wal"})
+        std::ofstream(name) << "left over";
+    }
     fs::create_directories(root_ / "Users/Shared/QX/QX Event Store");
   }
 
@@ -88,7 +114,7 @@ class ConcurrentKilledMigration : public StoreMachine {
       EXPECT_EQ(worker.nextLine(), "open " + store());
     }
     worker.kill(SIGKILL);
-    ASSERT_EQ(worker.exitStatus(), -1);
+    EXPECT_EQ(worker.exitStatus(), -1);
   }
 
   /// Looks at a copy: what has to be put in order is left for the next start.
@@ -101,6 +127,7 @@ class ConcurrentKilledMigration : public StoreMachine {
     EXPECT_EQ(raw.number("SELECT COUNT(DISTINCT ZEVENTID) FROM ZQXEVENT JOIN ZQXEVENTCLASS AS c ON "
                          "ZEVENTCLASS = c.Z_PK"),
               kEvents);
+    EXPECT_EQ(checksumOf(raw), expectedChecksum_);
     state.isBroughtUp = raw.number("SELECT COUNT(*) FROM Z_PRIMARYKEY") == 6;
     EXPECT_EQ(raw.number("SELECT COUNT(*) FROM sqlite_master WHERE name = 'ZQXBLOCKEDEVENT'"),
               state.isBroughtUp ? 1 : 0);
@@ -116,6 +143,19 @@ class ConcurrentKilledMigration : public StoreMachine {
     return state;
   }
 
+  static std::vector<std::string> namesIn(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory))
+      names.push_back(entry.path().filename());
+    return names;
+  }
+
+  /// Nothing of the old place is left, and nothing half-done in the new one.
+  void expectOnlyTheNewStore() const {
+    EXPECT_EQ(namesIn(root_ / "Users/Shared"), std::vector<std::string>{"QX"});
+    EXPECT_EQ(namesIn(storeDirectory()), std::vector<std::string>{"QXEventStore.qxstore"});
+  }
+
   void expectNextStartFinishes() const {
     WorkerProcess worker(root());
     EXPECT_EQ(worker.ask("status"), "open " + store());
@@ -124,48 +164,81 @@ class ConcurrentKilledMigration : public StoreMachine {
     EXPECT_EQ(worker.finish(), 0);
   }
 
-  void killAtRandomMoments(const std::string& place, int rounds) {
+  /// Kills a process at that moment and looks at what it left, then lets the next one finish.
+  State killOnce(const std::string& place, std::optional<Clock::duration> time) const {
+    reset(place);
+    killAfter(time);
+    const State state = stateAfterCrash(place);
+    if (!time) {
+      EXPECT_TRUE(state.isBroughtUp && state.isNew == (place != store()));
+      expectOnlyTheNewStore();
+    }
+    expectNextStartFinishes();
+    if (!time || !state.isNew) {
+      expectSound(rawStore());
+      EXPECT_EQ(namesIn(root_ / "Users/Shared"), std::vector<std::string>{"QX"});
+      EXPECT_EQ(checksumOf(rawStore()), expectedChecksum_);
+    }
+    return state;
+  }
+
+  void killAtRandomMoments(const std::string& place, int kills) {
     const auto duration = std::min({durationFrom(place), durationFrom(place), durationFrom(place)});
     const double longest = std::chrono::duration<double>(duration).count() * 1.15;
     std::mt19937 random(20261121);
+    std::uniform_real_distribution moment(0.0, longest);
     std::array<int, 3> counts{};  // untouched, brought up to date, moved
     int leftovers = 0;
-    for (int round = 1; round <= rounds && !HasFailure(); ++round) {
-      SCOPED_TRACE("round " + std::to_string(round));
-      reset(place);
-      std::optional<Clock::duration> time;
-      if (round % kRoundsBetweenLooks != 0) {
-        time = std::chrono::duration_cast<Clock::duration>(
-            std::chrono::duration<double>(std::uniform_real_distribution(0.0, longest)(random)));
-      }
-      ASSERT_NO_FATAL_FAILURE(killAfter(time));
-      const State state = stateAfterCrash(place);
+    for (int kill = 1; kill <= kills && !HasFailure(); ++kill) {
+      SCOPED_TRACE("kill " + std::to_string(kill));
+      const std::chrono::duration<double> time(moment(random));
+      const State state = killOnce(place, std::chrono::duration_cast<Clock::duration>(time));
       ++counts[state.isNew ? 2 : (state.isBroughtUp ? 1 : 0)];
       leftovers += state.hasLeftovers ? 1 : 0;
-      expectNextStartFinishes();
-      if (round % kRoundsBetweenLooks == 0 || !state.isNew) expectSound(rawStore());
-      EXPECT_TRUE(state.isNew || !fs::exists(root_ / "Users/Shared/Vantorix"));
+      if (kill % kKillsBetweenFinishedRounds == 0) killOnce(place, std::nullopt);
     }
-    std::cout << "[  NOTE    ] killed within " << longest << " s: untouched " << counts[0] << ", brought up "
-              << counts[1] << ", moved " << counts[2] << "; something half-done lay about " << leftovers
-              << " times\n";
+    std::cout << "[  NOTE    ] " << kills << " times killed within " << longest << " s: untouched "
+              << counts[0] << ", brought up " << counts[1] << ", moved " << counts[2]
+              << "; something half-done lay about " << leftovers << " times\n";
     if (QX_TESTS_SANITIZED != 0) return;
     EXPECT_GT(counts[0], 0);
-    EXPECT_GT(counts[place == store() ? 1 : 2], 0);
     EXPECT_GT(leftovers, 0) << "no process was killed at work";
   }
 
   qx::test::TemporaryDirectory prepared_;
+  std::size_t expectedChecksum_ = 0;
 };
 
 TEST_F(ConcurrentKilledMigration, LosesNoRecordOfALegacyStore) {
   ASSERT_NO_FATAL_FAILURE(prepare("QXStoreModel.mom"));
-  killAtRandomMoments(legacy(), kLegacyRounds);
+  killAtRandomMoments(legacy(), kLegacyKills);
 }
 
 TEST_F(ConcurrentKilledMigration, LosesNoRecordOfAStoreInItsPlace) {
   ASSERT_NO_FATAL_FAILURE(prepare("QXStoreModel 2.mom"));
-  killAtRandomMoments(store(), kInPlaceRounds);
+  killAtRandomMoments(store(), kInPlaceKills);
+}
+
+TEST_F(ConcurrentKilledMigration, IsDoneOnceWhenSeveralProcessesStartTogether) {
+  constexpr int kRounds = QX_TESTS_SANITIZED != 0 ? 1 : 5;
+  ASSERT_NO_FATAL_FAILURE(prepare("QXStoreModel.mom"));
+  for (int round = 0; round < kRounds; ++round) {
+    reset(legacy());
+    std::array<WorkerProcess, 4> workers{start(), start(), start(), start()};
+    for (WorkerProcess& worker : workers)
+      awaitStart(worker);
+    for (const WorkerProcess& worker : workers)
+      worker.tell("status");
+    for (WorkerProcess& worker : workers)
+      EXPECT_EQ(worker.nextLine(), "open " + store());
+    for (WorkerProcess& worker : workers) {
+      EXPECT_EQ(worker.ask("count"), "count " + std::to_string(kEvents));
+      EXPECT_EQ(worker.finish(), 0);
+    }
+    expectSound(rawStore());
+    expectOnlyTheNewStore();
+    EXPECT_EQ(checksumOf(rawStore()), expectedChecksum_);
+  }
 }
 
 /// A disk of its own, which nobody outside the calling process sees.

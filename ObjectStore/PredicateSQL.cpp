@@ -7,6 +7,7 @@
 #include "ObjectStore/PredicateFunction.h"
 #include "ObjectStore/PredicateKeys.h"
 #include "ObjectStore/SQLiteErrors.h"
+#include "Platform/EvaluationScope.h"
 
 namespace qx {
 
@@ -112,6 +113,18 @@ class NoSubject : public PredicateSubject {
  public:
   Value valueForKeyPath(const std::vector<std::string>&) const override { return {}; }
 };
+
+/// The value of what asks no subject for anything. None when it takes long: the evaluator gives up on a
+/// comparison that takes too many steps, so what may come near that is left to it.
+std::optional<Value> valueOnItsOwn(const Expression& expression) {
+  constexpr std::size_t kFewSteps = 10'000;
+  detail::EvaluationBudget budget(kFewSteps);
+  const NoSubject nobody;
+  Value storage;
+  const Value& value = detail::resolve(expression, {nobody, &budget}, storage);
+  if (budget.isSpent()) return std::nullopt;
+  return value;
+}
 
 /// SQL knows three truths, the language two. A NULL comparison counts as false only where nothing negates
 /// it, so each comparison is compiled for where it stands: plain SQL (which can use an index) where NULL
@@ -244,15 +257,15 @@ class Compiler {
   struct Side {
     std::optional<Column> column;
     const Value* value = nullptr;
-    Value storage;
+    std::optional<Value> storage;
   };
 
   void read(const Expression& expression, Side& side) {
     if (expression.kind() == Expression::Kind::constant) {
       side.value = &expression.value();
     } else if (keysOf(expression).empty()) {
-      side.storage = expression.evaluate(NoSubject());
-      side.value = &side.storage;
+      side.storage = valueOnItsOwn(expression);
+      side.value = side.storage ? &*side.storage : nullptr;
     } else if (expression.kind() == Expression::Kind::keyPath &&
                withoutOperators(expression.components()) == expression.components()) {
       side.column = column(expression.components());

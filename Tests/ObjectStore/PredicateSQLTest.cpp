@@ -331,6 +331,33 @@ TEST_F(PredicateSQLTest, SelectsWhatTheEvaluatorSelectsMissingValuesIncluded) {
   EXPECT_GT(readable, 1000U);
 }
 
+TEST_F(PredicateSQLTest, GivesUpOnTheSameComparisonsAsTheEvaluator) {
+  Stack stack(path_);
+  stack.addEvent("a");
+  ASSERT_TRUE(stack.context.save());
+  const auto event = stack.context.fetch("QXEvent", nullptr)->front();
+  // 200 ^ 3 members to look at, and 2 ^ 100 sums: no value within the steps of one comparison.
+  ExpressionPtr members = c(Array(200, 1));
+  const ExpressionPtr list = members;
+  for (const char* name : {"x", "y", "z"})
+    members =
+        Expression::subquery(list, name, Predicate::comparison(members, Operator::notEqual, c(nullptr)));
+  ExpressionPtr doubled = c(1);
+  for (int level = 0; level < 100; ++level)
+    doubled = Expression::arithmetic(doubled, Expression::Operation::add, doubled);
+  const ExpressionPtr count = Expression::path(members, "@count");
+  const std::vector<PredicatePtr> predicates = {
+      Predicate::comparison(k("eventID"), Operator::notEqual, count),
+      Predicate::comparison(count, Operator::notEqual, k("eventID")),
+      Predicate::comparison(k("eventSourceID"), Operator::lessOrEqual, doubled),
+      Predicate::comparison(k("eventID"), Operator::notEqual, doubled),
+  };
+  for (const PredicatePtr& predicate : predicates) {
+    EXPECT_FALSE(predicate->evaluate(*event));
+    EXPECT_EQ(stack.context.count("QXEvent", predicate), 0U) << compiled(predicate);
+  }
+}
+
 TEST_F(PredicateSQLTest, TakesListsOfAnyLength) {
   Stack stack(path_);
   std::vector<std::string> names;

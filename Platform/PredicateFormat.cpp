@@ -4,7 +4,7 @@
 // in a decimal-comma locale.
 //
 // A real without a fraction is printed as an integer, but not in arithmetic, where 1 / 2 is 0 and 1 / 2.0 is
-// not.
+// not, nor in the collection of a subquery, whose variable may stand in arithmetic.
 //
 // What withFormat() made can be read back and means the same, but for constants that the language has no
 // literal for: data and dictionaries are printed for people.
@@ -171,9 +171,9 @@ void appendElement(std::string& out, const Expression& expression, bool keepsKin
   }
 }
 
-void appendSubquery(std::string& out, const Expression& expression, bool keepsKind) {
+void appendSubquery(std::string& out, const Expression& expression) {
   out += "SUBQUERY(";
-  appendExpression(out, *expression.base(), keepsKind);
+  appendExpression(out, *expression.base(), true);
   out += ", $";
   out += expression.name();
   out += ", ";
@@ -208,7 +208,7 @@ void appendExpression(std::string& out, const Expression& expression, bool keeps
       out += '.';
       return appendComponents(out, expression.components());
     case Expression::Kind::subquery:
-      return appendSubquery(out, expression, keepsKind);
+      return appendSubquery(out, expression);
   }
 }
 

@@ -273,7 +273,7 @@ ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
 
 }  // namespace detail
 
-PredicatePtr Predicate::withFormat(std::string_view format, const std::vector<Value>& arguments,
+PredicatePtr Predicate::withFormat(std::string_view format, const FormatArguments& arguments,
                                    ErrorPtr* error) {
   detail::PredicateParser parser(format, arguments);
   PredicatePtr predicate = parser.parse();

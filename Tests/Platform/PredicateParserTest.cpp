@@ -125,6 +125,17 @@ TEST(PredicateParser, ClearsTheErrorOnSuccess) {
   EXPECT_EQ(error, nullptr);
   EXPECT_EQ(Predicate::withFormat("a =="), nullptr);
 }
+TEST(PredicateParser, TakesAListInBracesForOneArgument) {
+  const Array classes = {"a", "b"};
+  const auto printed = [](const PredicatePtr& predicate) {
+    return predicate != nullptr ? predicate->predicateFormat() : "none";
+  };
+  EXPECT_EQ(printed(Predicate::withFormat("s IN %@", {classes})), "s IN {\"a\", \"b\"}");
+  EXPECT_EQ(printed(Predicate::withFormat("%K IN %@", {"s", classes})), "s IN {\"a\", \"b\"}");
+  EXPECT_EQ(printed(Predicate::withFormat("s == %@ OR s == %@", classes)), "s == \"a\" OR s == \"b\"");
+  EXPECT_EQ(printed(Predicate::withFormat("s == %@", {})), "none");
+}
+
 
 TEST(PredicateParser, RefusesNestingPastItsLimit) {
   const std::size_t many = 100000;

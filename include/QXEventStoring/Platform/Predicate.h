@@ -1,8 +1,10 @@
 #pragma once
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <QXEventStoring/Platform/Error.h>
@@ -15,6 +17,20 @@ namespace qx {
 namespace detail {
 class TextPattern;
 }
+
+/// What stands for the % conversions of a predicate's text: `{"key", 5}`. A list in braces, `{list}`, is one
+/// argument; without them, `list` is all of the arguments. A value; any thread.
+class QX_EXPORT FormatArguments {
+ public:
+  FormatArguments() = default;
+  FormatArguments(std::initializer_list<Value> values) : values_(values) {}
+  FormatArguments(std::vector<Value> values) : values_(std::move(values)) {}  // NOLINT: the whole point
+
+  const std::vector<Value>& values() const { return values_; }
+
+ private:
+  std::vector<Value> values_;
+};
 
 /// A condition in the predicate-format language: parsed from text, printed back, evaluated in memory,
 /// and compiled to SQL by the object store. Immutable; any thread.
@@ -60,7 +76,7 @@ class QX_EXPORT Predicate {
   /// malformed text, too few arguments or nesting past 200 levels; *error (when given) is then of
   /// NSCocoaErrorDomain, code 2048, and names the text and the position (bytes from its start). Never
   /// throws. Arguments left over are ignored; one that has no text form (not-a-number) is refused.
-  static PredicatePtr withFormat(std::string_view format, const std::vector<Value>& arguments = {},
+  static PredicatePtr withFormat(std::string_view format, const FormatArguments& arguments = {},
                                  ErrorPtr* error = nullptr);
 
   static PredicatePtr comparison(ExpressionPtr left, Operator op, ExpressionPtr right);

@@ -56,7 +56,7 @@ std::optional<Predicate::Operator> comparisonOperator(Word word) {
 
 /// Why `right` cannot stand on the right of `op`; empty when it can. What it is only shows at evaluation
 /// unless it is a constant or a list.
-std::string misfit(Predicate::Operator op, const Expression& right) {
+std::string rightSideProblem(Predicate::Operator op, const Expression& right) {
   const bool constant = right.kind() == Expression::Kind::constant;
   const Array* const list = constant ? right.value().asArray() : nullptr;
   if (op == Predicate::Operator::between) {
@@ -68,11 +68,6 @@ std::string misfit(Predicate::Operator op, const Expression& right) {
     const Value::Kind kind = right.value().kind();
     const bool searchable = kind == Value::Kind::dictionary || kind == Value::Kind::string;
     if (list == nullptr && !searchable) return "IN needs a list, a string or a key on its right";
-  }
-  const std::string* const text = constant ? right.value().asString() : nullptr;
-  if (op == Predicate::Operator::matches && text != nullptr) {
-    const std::string problem = regularExpressionProblem(*text);
-    if (!problem.empty()) return "the regular expression cannot be used: " + problem;
   }
   return {};
 }
@@ -231,10 +226,17 @@ PredicateParser::Operand PredicateParser::parseComparisonOf(Operand left, Predic
   advance();
   const std::optional<Predicate::Options> options = parseOptions();
   if (!options) return {};
+  const std::size_t rightPosition = token_.position;
   ExpressionPtr right = parseRightSide(*op);
   if (right == nullptr) return {};
-  return {Predicate::comparison(std::move(left.expression), *op, std::move(right), *options, modifier),
-          nullptr, left.position};
+  PredicatePtr comparison =
+      Predicate::comparison(std::move(left.expression), *op, std::move(right), *options, modifier);
+  const std::string problem = comparison->pattern() != nullptr ? comparison->pattern()->problem() : "";
+  if (!problem.empty()) {
+    fail(rightPosition, "the regular expression cannot be used: " + problem);
+    return {};
+  }
+  return {std::move(comparison), nullptr, left.position};
 }
 
 std::optional<Predicate::Options> PredicateParser::parseOptions() {
@@ -265,7 +267,14 @@ ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
   const std::size_t position = token_.position;
   ExpressionPtr right = parseExpression();
   if (right == nullptr) return nullptr;
-  std::string reason = misfit(op, *right);
+  std::string reason = rightSideProblem(op, *right);
+  if (op == Predicate::Operator::matches && right->value().asString() != nullptr) {
+    constexpr std::size_t kMostExpressionBytes = 65536;  // the time to read them is more than linear
+    expressionBytes_ += right->value().asString()->size();
+    if (expressionBytes_ > kMostExpressionBytes)
+      reason = "the regular expressions are longer than " + std::to_string(kMostExpressionBytes) +
+               " bytes together";
+  }
   if (reason.empty()) return right;
   fail(position, std::move(reason));
   return nullptr;
@@ -275,7 +284,7 @@ ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
 
 PredicatePtr Predicate::withFormat(std::string_view format, const FormatArguments& arguments,
                                    ErrorPtr* error) {
-  detail::PredicateParser parser(format, arguments);
+  detail::PredicateParser parser(format, arguments.values());
   PredicatePtr predicate = parser.parse();
   setError(error, predicate != nullptr ? nullptr : parser.error());
   return predicate;

@@ -120,6 +120,7 @@ class PredicateParser {
   PredicateLexer lexer_;
   PredicateToken token_;
   int levels_ = 0;
+  std::size_t expressionBytes_ = 0;  // of the regular expressions so far
   bool failed_ = false;
   std::size_t failurePosition_ = 0;
   std::string failureReason_;

@@ -86,7 +86,13 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a uti-conforms-to 'x'", 2, "\"UTI-CONFORMS-TO\" is not supported"},
       {"a UTI-equals 'x'", 2, "\"UTI-EQUALS\" is not supported"},
       {"ANYKEY == 1", 0, "\"ANYKEY\" is not supported"},
-      {"a MATCHES 'x{0'", 10, "U_REGEX_BAD_INTERVAL at byte 3"},
+      {"a MATCHES 'x{0'", 10, "a malformed repetition {...} at byte 3"},
+      {"a MATCHES[d] '[z-\u00e1]'", 13, "a malformed set [...] at byte"},
+      {"a MATCHES %@ OR a MATCHES %@",
+       26,
+       "longer than 65536 bytes together",
+       {repeated(32768, "a"), repeated(32769, "a")}},
+      {"a MATCHES %@", 10, "more than 1000 groups", {repeated(1001, "()")}},
       {"a MATCHES %@", 10, "the regular expression cannot be used", {"(("}},
       {"a == CAST(b, 'NSDate')", 10, "needs a number"},
       {"a == CAST('1', 'NSDate')", 10, "needs a number"},
@@ -119,12 +125,6 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
   }
 }
 
-TEST(PredicateParser, ClearsTheErrorOnSuccess) {
-  ErrorPtr error = Error::make("x", 1);
-  EXPECT_NE(Predicate::withFormat("a == 1", {"left over"}, &error), nullptr);
-  EXPECT_EQ(error, nullptr);
-  EXPECT_EQ(Predicate::withFormat("a =="), nullptr);
-}
 TEST(PredicateParser, TakesAListInBracesForOneArgument) {
   const Array classes = {"a", "b"};
   const auto printed = [](const PredicatePtr& predicate) {
@@ -136,6 +136,12 @@ TEST(PredicateParser, TakesAListInBracesForOneArgument) {
   EXPECT_EQ(printed(Predicate::withFormat("s == %@", {})), "none");
 }
 
+TEST(PredicateParser, ClearsTheErrorOnSuccess) {
+  ErrorPtr error = Error::make("x", 1);
+  EXPECT_NE(Predicate::withFormat("a == 1", {"left over"}, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(Predicate::withFormat("a =="), nullptr);
+}
 
 TEST(PredicateParser, RefusesNestingPastItsLimit) {
   const std::size_t many = 100000;

@@ -34,7 +34,14 @@ struct EvaluationScope {
   const EvaluationScope* outer = nullptr;
   const std::string* variable = nullptr;  // what this scope binds, and to what
   const Value* value = nullptr;
+
+  /// Whether it is evaluated for each member of something. What is done once is as long as the predicate and
+  /// its subject, and costs nothing: SQL, which has no budget, does some of it.
+  bool isRepeated() const { return outer != nullptr; }
 };
+
+/// How many steps it takes to copy `value` or to compare all of it.
+std::size_t weight(const Value& value);
 
 /// The value of `expression`: a reference where there is one, else to what is put in `storage`.
 const Value& resolve(const Expression& expression, const EvaluationScope& scope, Value& storage);

@@ -105,6 +105,10 @@ class QX_EXPORT Predicate {
   /// Levels of the deepest expression in it; 0 when there is none.
   int expressionDepth() const { return expressionDepth_; }
 
+  /// Whether it is true of `subject`. Never fails, and ends whatever the predicate: a comparison whose
+  /// subqueries and whose ANY or ALL take more than some 2,000,000 steps (a member looked at, a few dozen
+  /// bytes copied or matched), well under a second, is false, and so is one with a regular expression that
+  /// takes too long for its text. Steps are counted, so that the answer is the same everywhere.
   bool evaluate(const PredicateSubject& subject) const;
 
   /// The text form, exactly as the language prints it; withFormat() reads it back, unless it holds data,

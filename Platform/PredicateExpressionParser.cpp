@@ -84,9 +84,11 @@ PredicateParser::Operand PredicateParser::parseArithmetic(int lowest) {
     const std::size_t position = token_.position;
     advance();
     ExpressionPtr right = needExpression(parseArithmetic(next->binding + 1));
-    if (right == nullptr) return {};
-    left.expression = withinLimit(
-        Expression::arithmetic(std::move(left.expression), next->operation, std::move(right)), position);
+    if (right == nullptr || !countPart(position)) return {};
+    left.expression = Expression::arithmetic(std::move(left.expression), next->operation, std::move(right));
+    if (left.expression->depth() <= kNestingLimit) continue;
+    fail(position, "the expression is too long");
+    return {};
   }
   return left;
 }
@@ -131,6 +133,7 @@ PredicateParser::Operand PredicateParser::parsePrimary() {
       return {nullptr, parseAggregate(), position};
     case Word::cast:
       return {nullptr, parseCast(), position};
+  if (!countPart(position)) return {};
     case Word::subquery:
       return {nullptr, parseSubquery(), position};
     case Word::self:
@@ -172,6 +175,7 @@ ExpressionPtr PredicateParser::parseSuffixes(ExpressionPtr base) {
   return base;
 }
 
+    if (!countPart(position)) return nullptr;
 ExpressionPtr PredicateParser::parseElement(ExpressionPtr collection) {
   const Nesting nesting(levels_);
   if (!withinLimit(nesting, token_.position)) return nullptr;
@@ -316,6 +320,7 @@ bool PredicateParser::takeComponent(std::string& path) {
   }
   appendComponent(path, token_.text);
   advance();
+  if (!countPart(token_.position)) return false;
   return true;
 }
 

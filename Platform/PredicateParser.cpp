@@ -140,6 +140,12 @@ void PredicateParser::unexpected(std::string_view expected) {
   const std::string found = '"' + excerpt(token_.text, 0, kReach) + '"';
   if (at(Word::unsupported)) return fail(token_.position, found + " is not supported");
   const std::string wanted = "expected " + std::string(expected);
+bool PredicateParser::countPart(std::size_t position) {
+  if (++parts_ <= kMostParts) return true;
+  fail(position, "the predicate has more than " + std::to_string(kMostParts) + " parts");
+  return false;
+}
+
   if (token_.kind == TokenKind::end) return fail(token_.position, wanted + ", but the text ends");
   const bool reserved = token_.kind == TokenKind::keyword;
   fail(token_.position, wanted + ", found " + (reserved ? "the reserved word " : "") + found +
@@ -193,6 +199,7 @@ PredicateParser::Operand PredicateParser::parseNegation() {
   if (!withinLimit(nesting, position)) return {};
   Operand member = parseNegation();
   if (!needPredicate(member)) return {};
+  if (!countPart(token_.position)) return {};
   return {Predicate::negation(std::move(member.predicate)), nullptr, position};
 }
 

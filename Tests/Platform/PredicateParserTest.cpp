@@ -175,6 +175,22 @@ TEST(PredicateParser, ReadsWhatItPrintsAtTheDeepestLevelThatItAccepts) {
       {"NOT ", ""},
       {"NOT (NOT ", ")"},
       {"(a == 1 OR ", ")"},
+TEST(PredicateParser, RefusesMorePartsThanItsLimit) {
+  const std::size_t most = 1'000'000;
+  const std::vector<std::pair<std::string, std::size_t>> cases = {
+      {"a IN {" + repeated(most, "1,") + "1}", 6 + 2 * (most - 4)},
+      {repeated(most, "1=1 OR ") + "a == 1", 7 * (most / 3) + 1},
+      {repeated(most, "a.") + "a == 1", 2 * (most - 1)},
+  };
+  for (const auto& [format, position] : cases) {
+    ErrorPtr error;
+    EXPECT_EQ(Predicate::withFormat(format, {}, &error), nullptr);
+    EXPECT_NE(message(error).find("position " + std::to_string(position) + ": the predicate has more than"),
+              std::string::npos)
+        << message(error);
+  }
+}
+
       {"a == 1 OR b == 1 AND (", " OR TRUEPREDICATE)"},
       {"1 + 2 - ", ""},
       {"-", ""},
@@ -232,6 +248,7 @@ TEST(PredicateParser, HasNoLimitOnWidthOrOnBuiltDepth) {
     return deep;
   };
   PredicatePtr deep = build(1);
+  EXPECT_NE(Predicate::withFormat("a IN %@", {Array(2'000'000, 1)}), nullptr);
   EXPECT_TRUE(*deep == *build(1));
   EXPECT_FALSE(*deep == *build(2));
   EXPECT_EQ(Predicate::withFormat(deep->predicateFormat()), nullptr);

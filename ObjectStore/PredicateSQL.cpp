@@ -8,6 +8,7 @@
 #include "ObjectStore/PredicateKeys.h"
 #include "ObjectStore/SQLiteErrors.h"
 #include "Platform/EvaluationScope.h"
+#include "Platform/TextExcerpt.h"
 
 namespace qx {
 
@@ -51,6 +52,12 @@ std::string dotted(const KeyPath& keyPath) {
   for (const std::string& component : keyPath)
     text += (text.empty() ? "" : ".") + component;
   return text;
+}
+
+/// For a message.
+std::string shortened(std::string_view text) {
+  constexpr std::size_t kReach = 160;
+  return detail::excerpt(text, 0, kReach);
 }
 
 using Operator = Predicate::Operator;
@@ -145,8 +152,8 @@ class Compiler {
     }
     if (problem_.empty()) return std::move(result_);
     setError(error, Error::make(kCocoaErrorDomain, kStoreUnusable,
-                                "The query \"" + predicate.predicateFormat() + "\" cannot be run on " +
-                                    entity_.name() + ": " + problem_ + "."));
+                                "The query \"" + shortened(predicate.predicateFormat()) +
+                                    "\" cannot be run on " + entity_.name() + ": " + problem_ + "."));
     return std::nullopt;
   }
 
@@ -433,7 +440,11 @@ class Compiler {
   }
 
   Column unknown(const KeyPath& keyPath) {
-    fail("it has no attribute \"" + (keyPath.empty() ? "SELF" : dotted(keyPath)) + "\"");
+    const auto at = keyPath.size() == 1 ? entity_.indexOf(keyPath.front()) : std::nullopt;
+    if (at && entity_.properties()[*at].kind == PropertyDescription::Kind::toOne)
+      fail("\"" + keyPath.front() + "\" is a relationship, which can only be == nil or != nil");
+    else
+      fail("it has no attribute \"" + (keyPath.empty() ? "SELF" : shortened(dotted(keyPath))) + "\"");
     return {"NULL", AttributeType::string};
   }
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Platform/PredicateNesting.h"
+#include "Platform/TextExcerpt.h"
 
 namespace qx {
 
@@ -72,37 +73,6 @@ std::string rightSideProblem(Predicate::Operator op, const Expression& right) {
   return {};
 }
 
-bool isContinuationByte(char c) {
-  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
-}
-
-/// The text round `position`, fit for a message: bounded, control characters and malformed UTF-8 escaped.
-std::string excerpt(std::string_view text, std::size_t position, std::size_t reach) {
-  std::size_t begin = position > reach ? position - reach : 0;
-  std::size_t end = std::min(text.size(), position + reach);
-  while (begin < position && isContinuationByte(text[begin]))
-    ++begin;
-  while (end > position && end < text.size() && isContinuationByte(text[end]))
-    --end;
-
-  const std::string_view part = text.substr(begin, end - begin);
-  const bool escapeAll = !isValidUTF8(part);
-  constexpr std::string_view kHex = "0123456789abcdef";
-  std::string out = begin > 0 ? "…" : "";
-  for (const char c : part) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F && (byte < 0x80 || !escapeAll)) {
-      out += c;
-      continue;
-    }
-    out += "\\x";
-    out += kHex[byte >> 4];
-    out += kHex[byte & 0xF];
-  }
-  if (end < text.size()) out += "…";
-  return out;
-}
-
 }  // namespace
 
 PredicatePtr PredicateParser::parse() {
@@ -140,12 +110,6 @@ void PredicateParser::unexpected(std::string_view expected) {
   const std::string found = '"' + excerpt(token_.text, 0, kReach) + '"';
   if (at(Word::unsupported)) return fail(token_.position, found + " is not supported");
   const std::string wanted = "expected " + std::string(expected);
-bool PredicateParser::countPart(std::size_t position) {
-  if (++parts_ <= kMostParts) return true;
-  fail(position, "the predicate has more than " + std::to_string(kMostParts) + " parts");
-  return false;
-}
-
   if (token_.kind == TokenKind::end) return fail(token_.position, wanted + ", but the text ends");
   const bool reserved = token_.kind == TokenKind::keyword;
   fail(token_.position, wanted + ", found " + (reserved ? "the reserved word " : "") + found +
@@ -176,6 +140,12 @@ bool PredicateParser::withinLimit(const Nesting& nesting, std::size_t position) 
   return false;
 }
 
+bool PredicateParser::countPart(std::size_t position) {
+  if (++parts_ <= kMostParts) return true;
+  fail(position, "the predicate has more than " + std::to_string(kMostParts) + " parts");
+  return false;
+}
+
 PredicateParser::Operand PredicateParser::parseChain(Word word, Level member,
                                                      PredicatePtr (*join)(std::vector<PredicatePtr>)) {
   Operand first = (this->*member)();
@@ -199,7 +169,6 @@ PredicateParser::Operand PredicateParser::parseNegation() {
   if (!withinLimit(nesting, position)) return {};
   Operand member = parseNegation();
   if (!needPredicate(member)) return {};
-  if (!countPart(token_.position)) return {};
   return {Predicate::negation(std::move(member.predicate)), nullptr, position};
 }
 
@@ -230,6 +199,7 @@ PredicateParser::Operand PredicateParser::parseComparisonOf(Operand left, Predic
   }
   const std::optional<Predicate::Operator> op = comparisonOperator(token_.word);
   if (!op) return left;
+  if (!countPart(token_.position)) return {};
   advance();
   const std::optional<Predicate::Options> options = parseOptions();
   if (!options) return {};

@@ -111,6 +111,7 @@ TEST(PredicateFormat, PrintsKeysWithReservedWordsMarked) {
       {"#self == 1", {}, "#self == 1"},
       {"gr\u00f6\u00dfe . \u5024 == 1", {}, "gr\u00f6\u00dfe.\u5024 == 1"},
   });
+      {"e\u0301\u0663 == \U00020000", {}, "e\u0301\u0663 == \U00020000"},
 }
 
 TEST(PredicateFormat, BindsOrWeakerThanAndThanNotThanComparison) {

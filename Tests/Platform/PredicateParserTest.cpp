@@ -114,6 +114,12 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
   };
   for (const Case& each : cases) {
     ErrorPtr error;
+      {"a\u00a0== 1", 1, "no meaning"},
+      {"n == \u201cx\u201d", 5, "no meaning"},
+      {"a\u200b == 1", 1, "no meaning"},
+      {"$\u20ac == 1", 0, "without a name"},
+      {"a == 1\u00e9", 5, "runs into a word"},
+      {"a\xC3 == 1", 1, "malformed UTF-8"},
     ASSERT_EQ(Predicate::withFormat(each.format, each.arguments, &error), nullptr) << each.format;
     ASSERT_NE(error, nullptr) << each.format;
     EXPECT_EQ(error->domain(), "NSCocoaErrorDomain");

@@ -59,6 +59,19 @@ std::string_view withoutSelf(std::string_view path) {
   return dot == std::string_view::npos ? std::string_view() : path.substr(dot + 1);
 }
 
+/// Whether it is a constant, or arithmetic on nothing else.
+bool isCalculation(const Expression& expression) {
+  if (expression.kind() == Expression::Kind::constant) return true;
+  return expression.kind() == Expression::Kind::arithmetic &&
+         std::all_of(expression.members().begin(), expression.members().end(),
+                     [](const ExpressionPtr& member) { return isCalculation(*member); });
+}
+
+class NoSubject : public PredicateSubject {
+ public:
+  Value valueForKeyPath(const std::vector<std::string>&) const override { return {}; }
+};
+
 }  // namespace
 
 ExpressionPtr PredicateParser::needExpression(Operand operand) {
@@ -120,6 +133,7 @@ PredicateParser::Operand PredicateParser::parsePostfix() {
 
 PredicateParser::Operand PredicateParser::parsePrimary() {
   const std::size_t position = token_.position;
+  if (!countPart(position)) return {};
   switch (token_.word) {
     case Word::openParenthesis:
       return parseGroup();
@@ -133,7 +147,6 @@ PredicateParser::Operand PredicateParser::parsePrimary() {
       return {nullptr, parseAggregate(), position};
     case Word::cast:
       return {nullptr, parseCast(), position};
-  if (!countPart(position)) return {};
     case Word::subquery:
       return {nullptr, parseSubquery(), position};
     case Word::self:
@@ -162,6 +175,7 @@ PredicateParser::Operand PredicateParser::parseGroup() {
 ExpressionPtr PredicateParser::parseSuffixes(ExpressionPtr base) {
   while (base != nullptr && (at(Word::dot) || at(Word::openBracket))) {
     const std::size_t position = token_.position;
+    if (!countPart(position)) return nullptr;
     if (at(Word::openBracket)) {
       base = parseElement(std::move(base));
     } else {
@@ -175,7 +189,6 @@ ExpressionPtr PredicateParser::parseSuffixes(ExpressionPtr base) {
   return base;
 }
 
-    if (!countPart(position)) return nullptr;
 ExpressionPtr PredicateParser::parseElement(ExpressionPtr collection) {
   const Nesting nesting(levels_);
   if (!withinLimit(nesting, token_.position)) return nullptr;
@@ -248,11 +261,12 @@ ExpressionPtr PredicateParser::parseCast() {
   const std::size_t numberPosition = token_.position;
   const ExpressionPtr number = parseExpression();
   if (number == nullptr) return nullptr;
-  if (number->kind() != Expression::Kind::constant || !number->value().isNumber()) {
-    fail(numberPosition, "CAST needs a number of seconds");
+  const Value value = isCalculation(*number) ? number->evaluate(NoSubject()) : Value();
+  if (!value.isNumber()) {
+    fail(numberPosition, "CAST needs a number of seconds, or arithmetic on numbers; it takes no key");
     return nullptr;
   }
-  const double seconds = number->value().doubleValue();
+  const double seconds = value.doubleValue();
   if (!std::isfinite(seconds)) {
     fail(numberPosition, "a date without a moment");
     return nullptr;
@@ -306,6 +320,7 @@ bool PredicateParser::takeComponents(std::string& path) {
 }
 
 bool PredicateParser::takeComponent(std::string& path) {
+  if (!countPart(token_.position)) return false;
   if (token_.isKeyArgument()) {
     const std::optional<Value> argument = takeArgument();
     if (!argument) return false;
@@ -320,7 +335,6 @@ bool PredicateParser::takeComponent(std::string& path) {
   }
   appendComponent(path, token_.text);
   advance();
-  if (!countPart(token_.position)) return false;
   return true;
 }
 

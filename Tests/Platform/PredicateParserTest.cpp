@@ -95,6 +95,9 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a MATCHES %@", 10, "more than 1000 groups", {repeated(1001, "()")}},
       {"a MATCHES %@", 10, "the regular expression cannot be used", {"(("}},
       {"a == CAST(b, 'NSDate')", 10, "needs a number"},
+      {"a == CAST(1 + b, 'NSDate')", 10, "it takes no key"},
+      {"a == CAST(1 / 0, 'NSDate')", 10, "needs a number"},
+      {"a == 0" + repeated(201, " + 1"), 803, "the expression is too long"},
       {"a == CAST('1', 'NSDate')", 10, "needs a number"},
       {"a == CAST(1, 'NSNumber')", 13, "not supported"},
       {"a == CAST(1e999, 'NSDate')", 10, "without a moment"},
@@ -111,15 +114,15 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a == %@", 5, "without a moment", {Array{Date{std::nan("")}}}},
       {std::string("a == \0 1", 8), 5, "no meaning"},
       {"a == \xFF\xFE", 5, "malformed UTF-8"},
-  };
-  for (const Case& each : cases) {
-    ErrorPtr error;
       {"a\u00a0== 1", 1, "no meaning"},
       {"n == \u201cx\u201d", 5, "no meaning"},
       {"a\u200b == 1", 1, "no meaning"},
       {"$\u20ac == 1", 0, "without a name"},
       {"a == 1\u00e9", 5, "runs into a word"},
       {"a\xC3 == 1", 1, "malformed UTF-8"},
+  };
+  for (const Case& each : cases) {
+    ErrorPtr error;
     ASSERT_EQ(Predicate::withFormat(each.format, each.arguments, &error), nullptr) << each.format;
     ASSERT_NE(error, nullptr) << each.format;
     EXPECT_EQ(error->domain(), "NSCocoaErrorDomain");
@@ -172,15 +175,6 @@ TEST(PredicateParser, RefusesNestingPastItsLimit) {
   EXPECT_EQ(Predicate::withFormat("a IN %@", {list}), nullptr);
 }
 
-TEST(PredicateParser, ReadsWhatItPrintsAtTheDeepestLevelThatItAccepts) {
-  struct Shell {
-    const char* before;
-    const char* after;
-  };
-  const std::vector<Shell> shells = {
-      {"NOT ", ""},
-      {"NOT (NOT ", ")"},
-      {"(a == 1 OR ", ")"},
 TEST(PredicateParser, RefusesMorePartsThanItsLimit) {
   const std::size_t most = 1'000'000;
   const std::vector<std::pair<std::string, std::size_t>> cases = {
@@ -197,6 +191,15 @@ TEST(PredicateParser, RefusesMorePartsThanItsLimit) {
   }
 }
 
+TEST(PredicateParser, ReadsWhatItPrintsAtTheDeepestLevelThatItAccepts) {
+  struct Shell {
+    const char* before;
+    const char* after;
+  };
+  const std::vector<Shell> shells = {
+      {"NOT ", ""},
+      {"NOT (NOT ", ")"},
+      {"(a == 1 OR ", ")"},
       {"a == 1 OR b == 1 AND (", " OR TRUEPREDICATE)"},
       {"1 + 2 - ", ""},
       {"-", ""},
@@ -245,6 +248,7 @@ TEST(PredicateParser, HasNoLimitOnWidthOrOnBuiltDepth) {
     EXPECT_TRUE(*Predicate::withFormat(list->predicateFormat()) == *list);
   }
   EXPECT_NE(Predicate::withFormat(repeated(many, "a.") + "a == 1"), nullptr);
+  EXPECT_NE(Predicate::withFormat("a IN %@", {Array(2'000'000, 1)}), nullptr);
 
   const auto build = [many](int value) {
     PredicatePtr deep = Predicate::comparison(Expression::keyPath("a"), Predicate::Operator::equal,
@@ -254,7 +258,6 @@ TEST(PredicateParser, HasNoLimitOnWidthOrOnBuiltDepth) {
     return deep;
   };
   PredicatePtr deep = build(1);
-  EXPECT_NE(Predicate::withFormat("a IN %@", {Array(2'000'000, 1)}), nullptr);
   EXPECT_TRUE(*deep == *build(1));
   EXPECT_FALSE(*deep == *build(2));
   EXPECT_EQ(Predicate::withFormat(deep->predicateFormat()), nullptr);

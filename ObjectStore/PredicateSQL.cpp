@@ -182,10 +182,10 @@ class Compiler {
         sql() += ")";
         break;
       case Predicate::Kind::conjunction:
-        writeAll(predicate.members(), " AND ", "1", negated);
+        writeRange(predicate.members(), 0, predicate.members().size(), " AND ", negated);
         break;
       case Predicate::Kind::disjunction:
-        writeAll(predicate.members(), " OR ", "0", negated);
+        writeRange(predicate.members(), 0, predicate.members().size(), " OR ", negated);
         break;
       case Predicate::Kind::comparison:
         writeComparison(predicate, negated);
@@ -194,14 +194,6 @@ class Compiler {
   }
 
   /// As a balanced tree: SQLite limits how deep an expression is, and n members in a row are n deep.
-  void writeAll(const std::vector<PredicatePtr>& members, const char* connective, const char* none,
-                bool negated) {
-    if (members.empty())
-      sql() += none;
-    else
-      writeRange(members, 0, members.size(), connective, negated);
-  }
-
   void writeRange(const std::vector<PredicatePtr>& members, std::size_t first, std::size_t last,
                   const char* connective, bool negated) {
     if (last - first == 1) {

@@ -15,6 +15,13 @@ void replaceNull(PredicatePtr& member) {
   if (member == nullptr) member = Predicate::constant(false);
 }
 
+/// What AND or OR of at most one member is, so that trees that print alike are equal.
+PredicatePtr soleMember(std::vector<PredicatePtr> members, bool ofNone) {
+  if (members.empty()) return Predicate::constant(ofNone);
+  replaceNull(members.front());
+  return std::move(members.front());
+}
+
 ExpressionPtr orNil(ExpressionPtr expression) {
   return expression != nullptr ? std::move(expression) : Expression::constant(Value());
 }
@@ -53,10 +60,12 @@ PredicatePtr Predicate::compound(Kind kind, std::vector<PredicatePtr> members) {
 }
 
 PredicatePtr Predicate::conjunction(std::vector<PredicatePtr> members) {
+  if (members.size() < 2) return soleMember(std::move(members), true);
   return compound(Kind::conjunction, std::move(members));
 }
 
 PredicatePtr Predicate::disjunction(std::vector<PredicatePtr> members) {
+  if (members.size() < 2) return soleMember(std::move(members), false);
   return compound(Kind::disjunction, std::move(members));
 }
 

@@ -157,8 +157,6 @@ bool compare(const Predicate& predicate, const EvaluationScope& scope) {
 
 bool evaluateLeaf(const Predicate& predicate, const EvaluationScope& scope) {
   if (predicate.kind() == Predicate::Kind::constant) return predicate.constantValue();
-  if (predicate.kind() != Predicate::Kind::comparison)
-    return predicate.kind() == Predicate::Kind::conjunction;  // of nothing
   if (scope.budget != nullptr) return scope.budget->take(1) && compare(predicate, scope);
   EvaluationBudget budget;
   EvaluationScope limited = scope;

@@ -265,19 +265,7 @@ void appendLeaf(std::string& out, const Predicate& predicate) {
     appendExpression(out, *predicate.right());
     return;
   }
-  const bool truth = predicate.kind() == Predicate::Kind::constant
-                         ? predicate.constantValue()
-                         : predicate.kind() == Predicate::Kind::conjunction;  // of nothing
-  out += truth ? "TRUEPREDICATE" : "FALSEPREDICATE";
-}
-
-/// An AND or OR of one member says nothing of its own.
-const Predicate& withoutEmptyShells(const Predicate& predicate) {
-  const Predicate* inner = &predicate;
-  while (inner->members().size() == 1 && inner->kind() != Predicate::Kind::negation) {
-    inner = inner->members().front().get();
-  }
-  return *inner;
+  out += predicate.constantValue() ? "TRUEPREDICATE" : "FALSEPREDICATE";
 }
 
 /// A predicate whose members are being printed. Its own stack instead of the thread's: a builder can nest
@@ -300,9 +288,8 @@ void appendBeforeMember(std::string& out, const Frame& frame) {
 void appendPredicate(std::string& out, const Predicate& root) {
   std::vector<Frame> open;
   const auto print = [&](const Predicate& predicate) {
-    const Predicate& shown = withoutEmptyShells(predicate);
-    if (shown.members().empty()) return appendLeaf(out, shown);
-    open.push_back({&shown, !open.empty()});
+    if (predicate.members().empty()) return appendLeaf(out, predicate);
+    open.push_back({&predicate, !open.empty()});
   };
   print(root);
   while (!open.empty()) {

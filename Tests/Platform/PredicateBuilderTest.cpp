@@ -57,6 +57,9 @@ TEST(PredicateBuilder, TakesNullForFalseAndForNil) {
   const PredicatePtr shells =
       Predicate::conjunction({Predicate::disjunction({key("a") == 1}), Predicate::conjunction({})});
   EXPECT_EQ(shells->predicateFormat(), "a == 1 AND TRUEPREDICATE");
+  EXPECT_TRUE(*shells == *Predicate::withFormat("a == 1 AND TRUEPREDICATE"));
+  EXPECT_TRUE(*Predicate::conjunction({shells}) == *shells);
+  EXPECT_EQ(Predicate::disjunction({nullptr})->kind(), Predicate::Kind::constant);
 
   const PredicatePtr nothing = Condition(nullptr) && Condition(nullptr);
   EXPECT_EQ(nothing->predicateFormat(), "FALSEPREDICATE AND FALSEPREDICATE");

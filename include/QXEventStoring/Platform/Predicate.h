@@ -82,9 +82,10 @@ class QX_EXPORT Predicate {
   static PredicatePtr comparison(ExpressionPtr left, Operator op, ExpressionPtr right);
   static PredicatePtr comparison(ExpressionPtr left, Operator op, ExpressionPtr right, Options options,
                                  Modifier modifier = Modifier::direct);
-  /// All of `members`; true when there are none. A null member counts as FALSEPREDICATE, here and below.
+  /// All of `members`; the only one itself, TRUEPREDICATE when there are none. A null member counts as
+  /// FALSEPREDICATE, here and below.
   static PredicatePtr conjunction(std::vector<PredicatePtr> members);
-  /// Any of `members`; false when there are none.
+  /// Any of `members`; the only one itself, FALSEPREDICATE when there are none.
   static PredicatePtr disjunction(std::vector<PredicatePtr> members);
   static PredicatePtr negation(PredicatePtr member);
   /// TRUEPREDICATE or FALSEPREDICATE.
@@ -99,6 +100,7 @@ class QX_EXPORT Predicate {
   Modifier modifier() const { return modifier_; }
   const ExpressionPtr& left() const { return left_; }
   const ExpressionPtr& right() const { return right_; }
+  /// One for a negation, two or more for a conjunction or disjunction, else none.
   const std::vector<PredicatePtr>& members() const { return members_; }
   /// What the right side of a text operator was made into when it is a constant string; else null.
   const std::shared_ptr<const detail::TextPattern>& pattern() const { return pattern_; }
@@ -128,7 +130,7 @@ class QX_EXPORT Predicate {
   Options options_;
   int expressionDepth_ = 0;
   ExpressionPtr left_, right_;
-  std::vector<PredicatePtr> members_;                   // one for a negation
+  std::vector<PredicatePtr> members_;
   std::shared_ptr<const detail::TextPattern> pattern_;  // of a constant right side of a text operator
 };
 

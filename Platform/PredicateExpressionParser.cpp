@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "Platform/PredicateKeyPath.h"
 #include "Platform/PredicateParser.h"
 
 namespace qx::detail {
@@ -50,13 +51,6 @@ Value negated(const Value& number) {
 void appendComponent(std::string& path, std::string_view component) {
   if (!path.empty()) path += '.';
   path += component;
-}
-
-/// `path` without a SELF at its start.
-std::string_view withoutSelf(std::string_view path) {
-  const std::size_t dot = path.find('.');
-  if (!isPredicateSelf(path.substr(0, dot))) return path;
-  return dot == std::string_view::npos ? std::string_view() : path.substr(dot + 1);
 }
 
 /// Whether it is a constant, or arithmetic on nothing else.
@@ -308,8 +302,7 @@ ExpressionPtr PredicateParser::parseSubquery() {
 ExpressionPtr PredicateParser::parseKeyPath() {
   std::string path;
   if (!takeComponents(path)) return nullptr;
-  if (path.empty()) return Expression::self();
-  return path.front() == '@' ? Expression::path(Expression::self(), path) : Expression::keyPath(path);
+  return keyExpression(path);
 }
 
 bool PredicateParser::takeComponents(std::string& path) {

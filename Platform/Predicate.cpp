@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <Platform/NilExpression.h>
 #include <Platform/TextPattern.h>
 
 namespace qx {
@@ -22,10 +23,6 @@ PredicatePtr soleMember(std::vector<PredicatePtr> members, bool ofNone) {
   return std::move(members.front());
 }
 
-ExpressionPtr orNil(ExpressionPtr expression) {
-  return expression != nullptr ? std::move(expression) : Expression::constant(Value());
-}
-
 }  // namespace
 
 PredicatePtr Predicate::comparison(ExpressionPtr left, Operator op, ExpressionPtr right) {
@@ -38,8 +35,8 @@ PredicatePtr Predicate::comparison(ExpressionPtr left, Operator op, ExpressionPt
   predicate->operator_ = op;
   predicate->options_ = options;
   predicate->modifier_ = modifier;
-  predicate->left_ = orNil(std::move(left));
-  predicate->right_ = orNil(std::move(right));
+  predicate->left_ = detail::orNil(std::move(left));
+  predicate->right_ = detail::orNil(std::move(right));
   predicate->expressionDepth_ = std::max(predicate->left_->depth(), predicate->right_->depth());
   const bool isConstant = predicate->right_->kind() == Expression::Kind::constant;
   const std::string* text = isConstant ? predicate->right_->value().asString() : nullptr;

@@ -72,10 +72,16 @@ class QX_EXPORT Predicate {
   };
 
   /// Parses `format`; `arguments` stand, left to right, for its %K (a key path), %@ (any value, an array
-  /// for a list), %d %i %u %ld %lu %lld %llu %x (integers), %f (a number) and %s (a string). Null for
-  /// malformed text, too few arguments or nesting past 200 levels; *error (when given) is then of
-  /// NSCocoaErrorDomain, code 2048, and names the text and the position (bytes from its start). Never
-  /// throws. Arguments left over are ignored; one that has no text form (not-a-number) is refused.
+  /// for a list), %d %i %u %ld %lu %lld %llu %x (integers), %f (a number) and %s (a string). Arguments left
+  /// over are ignored.
+  ///
+  /// Null, and nothing thrown (but for memory), for: malformed text; too few arguments, or one of the wrong
+  /// kind, an empty key path, not-a-number or a date without a moment; BETWEEN without a list of two and IN
+  /// without anything to look in; a regular expression that cannot be used (see
+  /// ComparisonSide::matches()), or several of more than 65,536 bytes together; nesting past 200 levels; more
+  /// than 1,000,000 comparisons, expressions and components of keys (those in arguments not counted). *error
+  /// (when given) is then of NSCocoaErrorDomain, code 2048, and names the text, the position (bytes from its
+  /// start) and the reason; else it is cleared.
   static PredicatePtr withFormat(std::string_view format, const FormatArguments& arguments = {},
                                  ErrorPtr* error = nullptr);
 
@@ -113,8 +119,10 @@ class QX_EXPORT Predicate {
   /// takes too long for its text. Steps are counted, so that the answer is the same everywhere.
   bool evaluate(const PredicateSubject& subject) const;
 
-  /// The text form, exactly as the language prints it; withFormat() reads it back, unless it holds data,
-  /// dictionaries or not-a-number, which have no literal.
+  /// The text form, exactly as the language prints it. withFormat() reads it back as an equal predicate, but
+  /// for dates, which have six decimals of a second, and unless it holds what has no text form: data,
+  /// dictionaries, not-a-number, dates without a moment, keys or variables that are no names; or what
+  /// withFormat() refuses: see there, for its limits too.
   std::string predicateFormat() const;
 
   /// Whether both have the same tree; see Expression.

@@ -1,6 +1,7 @@
 #include "ObjectStore/PredicateKeys.h"
 
 #include <algorithm>
+#include <functional>
 #include <unordered_set>
 #include <utility>
 
@@ -49,13 +50,23 @@ class KeyCollector {
   }
 
   void note(KeyPath key) {
-    if (std::find(keys_.begin(), keys_.end(), key) == keys_.end()) keys_.push_back(std::move(key));
+    if (noted_.insert(key).second) keys_.push_back(std::move(key));
   }
+
+  struct Hash {
+    std::size_t operator()(const KeyPath& key) const {
+      std::size_t result = key.size();
+      for (const std::string& component : key)
+        result = result * 31 + std::hash<std::string>()(component);
+      return result;
+    }
+  };
 
   std::vector<const Expression*> expressions_;
   std::vector<const Predicate*> predicates_;
   std::unordered_set<const void*> seen_;  // parts that a builder has used more than once
   std::vector<KeyPath> keys_;
+  std::unordered_set<KeyPath, Hash> noted_;
 };
 
 }  // namespace

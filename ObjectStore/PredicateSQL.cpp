@@ -8,6 +8,8 @@
 #include "ObjectStore/PredicateFunction.h"
 #include "ObjectStore/PredicateKeys.h"
 #include "ObjectStore/SQLiteErrors.h"
+#include "Platform/EvaluationScope.h"
+#include "Platform/TextExcerpt.h"
 
 namespace qx {
 
@@ -51,6 +53,12 @@ std::string dotted(const KeyPath& keyPath) {
   for (const std::string& component : keyPath)
     text += (text.empty() ? "" : ".") + component;
   return text;
+}
+
+/// For a message.
+std::string shortened(std::string_view text) {
+  constexpr std::size_t kReach = 160;
+  return detail::excerpt(text, 0, kReach);
 }
 
 using Operator = Predicate::Operator;
@@ -114,6 +122,18 @@ class NoSubject : public PredicateSubject {
   Value valueForKeyPath(const std::vector<std::string>&) const override { return {}; }
 };
 
+/// The value of what asks no subject for anything. None when it takes long: the evaluator gives up on a
+/// comparison that takes too many steps, so what may come near that is left to it.
+std::optional<Value> valueOnItsOwn(const Expression& expression) {
+  constexpr std::size_t kFewSteps = 10'000;
+  detail::EvaluationBudget budget(kFewSteps);
+  const NoSubject nobody;
+  Value storage;
+  const Value& value = detail::resolve(expression, {nobody, &budget}, storage);
+  if (budget.isSpent()) return std::nullopt;
+  return value;
+}
+
 /// SQL knows three truths, the language two. A NULL comparison counts as false only where nothing negates
 /// it, so each comparison is compiled for where it stands: plain SQL (which can use an index) where NULL
 /// and false do the same, a form that is never NULL below a NOT.
@@ -134,8 +154,8 @@ class Compiler {
     }
     if (problem_.empty()) return std::move(result_);
     setError(error, Error::make(kCocoaErrorDomain, kStoreUnusable,
-                                "The query \"" + predicate.predicateFormat() + "\" cannot be run on " +
-                                    entity_.name() + ": " + problem_ + "."));
+                                "The query \"" + shortened(predicate.predicateFormat()) +
+                                    "\" cannot be run on " + entity_.name() + ": " + problem_ + "."));
     return std::nullopt;
   }
 
@@ -176,10 +196,10 @@ class Compiler {
         close();
         break;
       case Predicate::Kind::conjunction:
-        writeAll(predicate.members(), " AND ", "1", negated);
+        writeRange(predicate.members(), 0, predicate.members().size(), " AND ", negated);
         break;
       case Predicate::Kind::disjunction:
-        writeAll(predicate.members(), " OR ", "0", negated);
+        writeRange(predicate.members(), 0, predicate.members().size(), " OR ", negated);
         break;
       case Predicate::Kind::comparison:
         writeComparison(predicate, negated);
@@ -188,14 +208,6 @@ class Compiler {
   }
 
   /// As a balanced tree: SQLite limits how deep an expression is, and n members in a row are n deep.
-  void writeAll(const std::vector<PredicatePtr>& members, const char* connective, const char* none,
-                bool negated) {
-    if (members.empty())
-      sql() += none;
-    else
-      writeRange(members, 0, members.size(), connective, negated);
-  }
-
   void writeRange(const std::vector<PredicatePtr>& members, std::size_t first, std::size_t last,
                   const char* connective, bool negated) {
     open("(");
@@ -259,15 +271,15 @@ class Compiler {
   struct Side {
     std::optional<Column> column;
     const Value* value = nullptr;
-    Value storage;
+    std::optional<Value> storage;
   };
 
   void read(const Expression& expression, Side& side) {
     if (expression.kind() == Expression::Kind::constant) {
       side.value = &expression.value();
     } else if (keysOf(expression).empty()) {
-      side.storage = expression.evaluate(NoSubject());
-      side.value = &side.storage;
+      side.storage = valueOnItsOwn(expression);
+      side.value = side.storage ? &*side.storage : nullptr;
     } else if (expression.kind() == Expression::Kind::keyPath &&
                withoutOperators(expression.components()) == expression.components()) {
       side.column = column(expression.components());
@@ -442,7 +454,11 @@ class Compiler {
   }
 
   Column unknown(const KeyPath& keyPath) {
-    fail("it has no attribute \"" + (keyPath.empty() ? "SELF" : dotted(keyPath)) + "\"");
+    const auto at = keyPath.size() == 1 ? entity_.indexOf(keyPath.front()) : std::nullopt;
+    if (at && entity_.properties()[*at].kind == PropertyDescription::Kind::toOne)
+      fail("\"" + keyPath.front() + "\" is a relationship, which can only be == nil or != nil");
+    else
+      fail("it has no attribute \"" + (keyPath.empty() ? "SELF" : shortened(dotted(keyPath))) + "\"");
     return {"NULL", AttributeType::string};
   }
 

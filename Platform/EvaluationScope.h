@@ -13,7 +13,10 @@ namespace qx::detail {
 /// since steps are counted and no time is taken.
 class EvaluationBudget {
  public:
-  /// Whether that many more steps (members looked at, values copied) are left.
+  static constexpr std::size_t kSteps = 2'000'000;
+  explicit EvaluationBudget(std::size_t steps = kSteps) : left_(steps) {}
+
+  /// Whether that many more steps of some 20 ns (members looked at, values copied, texts matched) are left.
   bool take(std::size_t steps) {
     left_ = steps < left_ ? left_ - steps : 0;
     return left_ > 0;
@@ -21,7 +24,7 @@ class EvaluationBudget {
   bool isSpent() const { return left_ == 0; }
 
  private:
-  std::size_t left_ = 2'000'000;
+  std::size_t left_;
 };
 
 /// What an expression is evaluated on: the subject, and the variables of the subqueries around it.
@@ -31,7 +34,14 @@ struct EvaluationScope {
   const EvaluationScope* outer = nullptr;
   const std::string* variable = nullptr;  // what this scope binds, and to what
   const Value* value = nullptr;
+
+  /// Whether it is evaluated for each member of something. What is done once is as long as the predicate and
+  /// its subject, and costs nothing: SQL, which has no budget, does some of it.
+  bool isRepeated() const { return outer != nullptr; }
 };
+
+/// How many steps it takes to copy `value` or to compare all of it.
+std::size_t weight(const Value& value);
 
 /// The value of `expression`: a reference where there is one, else to what is put in `storage`.
 const Value& resolve(const Expression& expression, const EvaluationScope& scope, Value& storage);

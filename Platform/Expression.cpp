@@ -7,13 +7,13 @@
 #include <iterator>
 #include <utility>
 
+#include <Platform/NilExpression.h>
+
 namespace qx {
 
 namespace {
 
-ExpressionPtr orNil(ExpressionPtr expression) {
-  return expression != nullptr ? std::move(expression) : Expression::constant(Value());
-}
+using detail::orNil;
 
 std::vector<std::string> splitPath(std::string_view path) {
   std::vector<std::string> components;

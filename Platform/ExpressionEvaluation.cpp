@@ -11,14 +11,7 @@
 namespace qx {
 
 namespace detail {
-namespace {
 
-using Operation = Expression::Operation;
-using Component = std::vector<std::string>::const_iterator;
-
-__extension__ typedef __int128 Wide;  // NOLINT: holds every sum, difference and quotient of 64-bit integers
-
-/// How much there is to copy.
 std::size_t weight(const Value& value) {
   constexpr std::size_t kBytesPerStep = 64;
   if (const std::string* text = value.asString()) return 1 + text->size() / kBytesPerStep;
@@ -28,6 +21,13 @@ std::size_t weight(const Value& value) {
     result += weight(members[i]);
   return result;
 }
+
+namespace {
+
+using Operation = Expression::Operation;
+using Component = std::vector<std::string>::const_iterator;
+
+__extension__ typedef __int128 Wide;  // NOLINT: holds every sum, difference and quotient of 64-bit integers
 
 Value copied(const Value& value, const EvaluationScope& scope) {
   return scope.budget->take(weight(value)) ? value : Value();
@@ -113,9 +113,9 @@ Value bestOf(const Members& members, IsBetter&& isBetter) {
   return best != nullptr ? *best : Value();
 }
 
-Value collected(const std::string& name, const Value& collection) {
+Value collected(const std::string& name, const Value& collection, const EvaluationScope& scope) {
   const Members members(collection);
-  if (!members) return {};
+  if (!members || (scope.isRepeated() && !scope.budget->take(members.size()))) return {};
   const auto count = static_cast<std::int64_t>(members.size());
   if (name == "@count") return count;
   if (name == "@sum") return sumOf(members);
@@ -153,11 +153,11 @@ Value valueAlong(const Value& base, Component first, Component last, const Evalu
 Value valueAt(const Value& base, Component first, Component last, const EvaluationScope& scope) {
   const Component operation = std::find_if(first, last, isOperator);
   if (operation == last) return valueAlong(base, first, last, scope);
-  if (operation == first && last - first == 1) return collected(*operation, base);
+  if (operation == first && last - first == 1) return collected(*operation, base, scope);
   if (std::any_of(operation + 1, last, isOperator)) return {};
   const Value collection = valueAlong(base, first, operation, scope);
-  if (operation + 1 == last || *operation == "@count") return collected(*operation, collection);
-  return collected(*operation, valueAlong(collection, operation + 1, last, scope));
+  if (operation + 1 == last || *operation == "@count") return collected(*operation, collection, scope);
+  return collected(*operation, valueAlong(collection, operation + 1, last, scope), scope);
 }
 
 Value valueOfSelf(const PredicateSubject& subject) {
@@ -260,15 +260,20 @@ const Value& valueOfVariable(const std::string& name, const EvaluationScope& sco
   return kUnbound;
 }
 
+/// What the subject answered; it may have copied much.
+Value answered(Value value, const EvaluationScope& scope) {
+  return !scope.isRepeated() || scope.budget->take(weight(value)) ? std::move(value) : Value();
+}
+
 /// Expressions nest at most Expression::kDeepest levels deep: those that hold others are told apart in small
 /// functions, so that a level takes little of the stack.
 Value evaluate(const Expression& expression, const EvaluationScope& scope) {
   if (!scope.budget->take(1)) return {};
   switch (expression.kind()) {
     case Expression::Kind::keyPath:
-      return valueOfKeys(expression.components(), scope);
+      return answered(valueOfKeys(expression.components(), scope), scope);
     case Expression::Kind::self:
-      return valueOfSelf(scope.subject);
+      return answered(valueOfSelf(scope.subject), scope);
     case Expression::Kind::aggregate:
       return aggregate(expression, scope);
     case Expression::Kind::arithmetic:

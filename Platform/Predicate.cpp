@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <Platform/NilExpression.h>
 #include <Platform/TextPattern.h>
 
 namespace qx {
@@ -15,8 +16,11 @@ void replaceNull(PredicatePtr& member) {
   if (member == nullptr) member = Predicate::constant(false);
 }
 
-ExpressionPtr orNil(ExpressionPtr expression) {
-  return expression != nullptr ? std::move(expression) : Expression::constant(Value());
+/// What AND or OR of at most one member is, so that trees that print alike are equal.
+PredicatePtr soleMember(std::vector<PredicatePtr> members, bool ofNone) {
+  if (members.empty()) return Predicate::constant(ofNone);
+  replaceNull(members.front());
+  return std::move(members.front());
 }
 
 }  // namespace
@@ -31,8 +35,8 @@ PredicatePtr Predicate::comparison(ExpressionPtr left, Operator op, ExpressionPt
   predicate->operator_ = op;
   predicate->options_ = options;
   predicate->modifier_ = modifier;
-  predicate->left_ = orNil(std::move(left));
-  predicate->right_ = orNil(std::move(right));
+  predicate->left_ = detail::orNil(std::move(left));
+  predicate->right_ = detail::orNil(std::move(right));
   predicate->expressionDepth_ = std::max(predicate->left_->depth(), predicate->right_->depth());
   const bool isConstant = predicate->right_->kind() == Expression::Kind::constant;
   const std::string* text = isConstant ? predicate->right_->value().asString() : nullptr;
@@ -53,10 +57,12 @@ PredicatePtr Predicate::compound(Kind kind, std::vector<PredicatePtr> members) {
 }
 
 PredicatePtr Predicate::conjunction(std::vector<PredicatePtr> members) {
+  if (members.size() < 2) return soleMember(std::move(members), true);
   return compound(Kind::conjunction, std::move(members));
 }
 
 PredicatePtr Predicate::disjunction(std::vector<PredicatePtr> members) {
+  if (members.size() < 2) return soleMember(std::move(members), false);
   return compound(Kind::disjunction, std::move(members));
 }
 

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/PredicateKeyPath.h"
+
 namespace qx {
 
 namespace {
@@ -30,62 +32,72 @@ KeyBuilder constantOf(Value value) {
   return KeyBuilder(Expression::constant(std::move(value)));
 }
 
+Condition comparison(Value left, Predicate::Operator op, const KeyBuilder& right) {
+  return Condition(Predicate::comparison(Expression::constant(std::move(left)), op, right.expression()));
+}
+
+ExpressionPtr keyOf(std::string_view path) {
+  return path.empty() ? Expression::keyPath(path) : detail::keyExpression(detail::withoutSelf(path));
+}
+
 KeyBuilder arithmetic(const KeyBuilder& a, Expression::Operation operation, const KeyBuilder& b) {
   return KeyBuilder(Expression::arithmetic(a.expression(), operation, b.expression()));
 }
 
 }  // namespace
 
-Condition KeyBuilder::comparison(Predicate::Operator op, ExpressionPtr right,
-                                 Predicate::Options options) const {
+Condition ComparisonSide::comparison(Predicate::Operator op, ExpressionPtr right,
+                                     Predicate::Options options) const {
   return Condition(Predicate::comparison(expression_, op, std::move(right), options, modifier_));
 }
 
-Condition KeyBuilder::compare(Predicate::Operator op, Value value, Predicate::Options options) const {
+Condition ComparisonSide::compare(Predicate::Operator op, Value value, Predicate::Options options) const {
   return comparison(op, Expression::constant(std::move(value)), options);
 }
 
-Condition KeyBuilder::compare(Predicate::Operator op, const KeyBuilder& other,
-                              Predicate::Options options) const {
-  return comparison(op, other.expression_, options);
+Condition ComparisonSide::compare(Predicate::Operator op, const KeyBuilder& other,
+                                  Predicate::Options options) const {
+  return comparison(op, other.expression(), options);
 }
 
-Condition KeyBuilder::in(Array values) const {
+Condition ComparisonSide::in(Array values) const {
   return in(std::move(values), {});
 }
 
-Condition KeyBuilder::in(Array values, Predicate::Options options) const {
+Condition ComparisonSide::in(Array values, Predicate::Options options) const {
   return compare(Predicate::Operator::in, Value(std::move(values)), options);
 }
 
-Condition KeyBuilder::between(Value lowest, Value highest) const {
+Condition ComparisonSide::between(Value lowest, Value highest) const {
   return between(constantOf(std::move(lowest)), constantOf(std::move(highest)));
 }
 
-Condition KeyBuilder::between(const KeyBuilder& lowest, const KeyBuilder& highest) const {
+Condition ComparisonSide::between(const KeyBuilder& lowest, const KeyBuilder& highest) const {
   return comparison(Predicate::Operator::between,
-                    Expression::aggregate({lowest.expression_, highest.expression_}), {});
+                    Expression::aggregate({lowest.expression(), highest.expression()}), {});
 }
 
-Condition KeyBuilder::contains(Value part, Predicate::Options options) const {
+Condition ComparisonSide::contains(Value part, Predicate::Options options) const {
   return compare(Predicate::Operator::contains, std::move(part), options);
 }
 
-Condition KeyBuilder::beginsWith(std::string_view text, Predicate::Options options) const {
+Condition ComparisonSide::beginsWith(std::string_view text, Predicate::Options options) const {
   return compare(Predicate::Operator::beginsWith, Value(text), options);
 }
 
-Condition KeyBuilder::endsWith(std::string_view text, Predicate::Options options) const {
+Condition ComparisonSide::endsWith(std::string_view text, Predicate::Options options) const {
   return compare(Predicate::Operator::endsWith, Value(text), options);
 }
 
-Condition KeyBuilder::like(std::string_view pattern, Predicate::Options options) const {
+Condition ComparisonSide::like(std::string_view pattern, Predicate::Options options) const {
   return compare(Predicate::Operator::like, Value(pattern), options);
 }
 
-Condition KeyBuilder::matches(std::string_view expression, Predicate::Options options) const {
+Condition ComparisonSide::matches(std::string_view expression, Predicate::Options options) const {
   return compare(Predicate::Operator::matches, Value(expression), options);
 }
+
+KeyBuilder::KeyBuilder(std::string_view path) : ComparisonSide(keyOf(path), Predicate::Modifier::direct) {}
 
 KeyBuilder KeyBuilder::element(Expression::Element which) const {
   return KeyBuilder(Expression::element(expression_, which));
@@ -131,6 +143,25 @@ Condition operator>(const KeyBuilder& a, const KeyBuilder& b) {
 }
 Condition operator>=(const KeyBuilder& a, const KeyBuilder& b) {
   return a.compare(Predicate::Operator::greaterOrEqual, b);
+}
+
+Condition operator==(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::equal, key);
+}
+Condition operator!=(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::notEqual, key);
+}
+Condition operator<(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::less, key);
+}
+Condition operator<=(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::lessOrEqual, key);
+}
+Condition operator>(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::greater, key);
+}
+Condition operator>=(Value value, const KeyBuilder& key) {
+  return comparison(std::move(value), Predicate::Operator::greaterOrEqual, key);
 }
 
 KeyBuilder operator+(const KeyBuilder& a, const KeyBuilder& b) {

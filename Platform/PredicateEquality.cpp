@@ -1,18 +1,58 @@
 // Whether predicates and expressions have the same tree.
 
-#include <algorithm>
+#include <QXEventStoring/Platform/Predicate.h>
+
+#include <cmath>
 #include <utility>
 #include <vector>
 
-#include <QXEventStoring/Platform/Predicate.h>
+#include <Platform/EvaluationScope.h>
 
 namespace qx {
 
 namespace {
 
-bool sameExpressions(const std::vector<ExpressionPtr>& a, const std::vector<ExpressionPtr>& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](const ExpressionPtr& left, const ExpressionPtr& right) { return *left == *right; });
+using Kind = Expression::Kind;
+
+/// Whether equal constants are integers and reals in the same places: 1 / 2 is 0 and 1 / 2.0 is not.
+bool sameKinds(const Value& a, const Value& b) {
+  if (a.isNumber() && b.isNumber()) {
+    const double* const left = a.asReal();
+    const double* const right = b.asReal();
+    if (left == nullptr || right == nullptr) return left == right;
+    return std::signbit(*left) == std::signbit(*right);
+  }
+  const detail::Members left(a);
+  const detail::Members right(b);
+  for (std::size_t i = 0; i < left.size() && i < right.size(); ++i)
+    if (!sameKinds(left[i], right[i])) return false;
+  return true;
+}
+
+bool sameExpression(const Expression& a, const Expression& b, bool kindsCount);
+
+/// Whether kinds of numbers count in the member of that number: arithmetic tells them apart, also that on
+/// the variable of a subquery.
+bool kindsCountIn(const Expression& parent, std::size_t member, bool kindsCount) {
+  if (parent.kind() == Kind::arithmetic || parent.kind() == Kind::subquery) return true;
+  return kindsCount && (parent.kind() != Kind::element || member == 0);
+}
+
+bool sameMembers(const Expression& a, const Expression& b, bool kindsCount) {
+  if (a.members().size() != b.members().size()) return false;
+  for (std::size_t i = 0; i < a.members().size(); ++i)
+    if (!sameExpression(*a.members()[i], *b.members()[i], kindsCountIn(a, i, kindsCount))) return false;
+  return true;
+}
+
+bool sameExpression(const Expression& a, const Expression& b, bool kindsCount) {
+  if (&a == &b) return true;
+  if (a.kind() != b.kind() || a.operation() != b.operation() || a.element() != b.element()) return false;
+  if (a.depth() != b.depth() || a.name() != b.name() || a.components() != b.components()) return false;
+  if (!(a.value() == b.value()) || (kindsCount && !sameKinds(a.value(), b.value()))) return false;
+  if (!sameMembers(a, b, kindsCount)) return false;
+  if (a.predicate() == nullptr || b.predicate() == nullptr) return a.predicate() == b.predicate();
+  return *a.predicate() == *b.predicate();
 }
 
 /// Whether a and b agree in all but their members, which are as many.
@@ -26,12 +66,7 @@ bool sameNode(const Predicate& a, const Predicate& b) {
 }  // namespace
 
 bool operator==(const Expression& a, const Expression& b) {
-  if (a.kind_ != b.kind_ || a.operation_ != b.operation_ || a.element_ != b.element_) return false;
-  if (a.depth_ != b.depth_ || a.name_ != b.name_ || a.components_ != b.components_) return false;
-  // The only place where it matters whether a number is an integer, which == does not tell.
-  if (a.kind_ == Expression::Kind::arithmetic && a.format() != b.format()) return false;
-  if (!(a.value_ == b.value_) || !sameExpressions(a.members_, b.members_)) return false;
-  return a.predicate_ == b.predicate_ || (a.predicate_ && b.predicate_ && *a.predicate_ == *b.predicate_);
+  return sameExpression(a, b, false);
 }
 
 bool operator==(const Predicate& a, const Predicate& b) {

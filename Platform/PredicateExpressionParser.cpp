@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "Platform/PredicateKeyPath.h"
 #include "Platform/PredicateParser.h"
 
 namespace qx::detail {
@@ -52,12 +53,18 @@ void appendComponent(std::string& path, std::string_view component) {
   path += component;
 }
 
-/// `path` without a SELF at its start.
-std::string_view withoutSelf(std::string_view path) {
-  const std::size_t dot = path.find('.');
-  if (!isPredicateSelf(path.substr(0, dot))) return path;
-  return dot == std::string_view::npos ? std::string_view() : path.substr(dot + 1);
+/// Whether it is a constant, or arithmetic on nothing else.
+bool isCalculation(const Expression& expression) {
+  if (expression.kind() == Expression::Kind::constant) return true;
+  return expression.kind() == Expression::Kind::arithmetic &&
+         std::all_of(expression.members().begin(), expression.members().end(),
+                     [](const ExpressionPtr& member) { return isCalculation(*member); });
 }
+
+class NoSubject : public PredicateSubject {
+ public:
+  Value valueForKeyPath(const std::vector<std::string>&) const override { return {}; }
+};
 
 }  // namespace
 
@@ -84,9 +91,11 @@ PredicateParser::Operand PredicateParser::parseArithmetic(int lowest) {
     const std::size_t position = token_.position;
     advance();
     ExpressionPtr right = needExpression(parseArithmetic(next->binding + 1));
-    if (right == nullptr) return {};
-    left.expression = withinLimit(
-        Expression::arithmetic(std::move(left.expression), next->operation, std::move(right)), position);
+    if (right == nullptr || !countPart(position)) return {};
+    left.expression = Expression::arithmetic(std::move(left.expression), next->operation, std::move(right));
+    if (left.expression->depth() <= kNestingLimit) continue;
+    fail(position, "the expression is too long");
+    return {};
   }
   return left;
 }
@@ -118,6 +127,7 @@ PredicateParser::Operand PredicateParser::parsePostfix() {
 
 PredicateParser::Operand PredicateParser::parsePrimary() {
   const std::size_t position = token_.position;
+  if (!countPart(position)) return {};
   switch (token_.word) {
     case Word::openParenthesis:
       return parseGroup();
@@ -159,6 +169,7 @@ PredicateParser::Operand PredicateParser::parseGroup() {
 ExpressionPtr PredicateParser::parseSuffixes(ExpressionPtr base) {
   while (base != nullptr && (at(Word::dot) || at(Word::openBracket))) {
     const std::size_t position = token_.position;
+    if (!countPart(position)) return nullptr;
     if (at(Word::openBracket)) {
       base = parseElement(std::move(base));
     } else {
@@ -244,11 +255,12 @@ ExpressionPtr PredicateParser::parseCast() {
   const std::size_t numberPosition = token_.position;
   const ExpressionPtr number = parseExpression();
   if (number == nullptr) return nullptr;
-  if (number->kind() != Expression::Kind::constant || !number->value().isNumber()) {
-    fail(numberPosition, "CAST needs a number of seconds");
+  const Value value = isCalculation(*number) ? number->evaluate(NoSubject()) : Value();
+  if (!value.isNumber()) {
+    fail(numberPosition, "CAST needs a number of seconds, or arithmetic on numbers; it takes no key");
     return nullptr;
   }
-  const double seconds = number->value().doubleValue();
+  const double seconds = value.doubleValue();
   if (!std::isfinite(seconds)) {
     fail(numberPosition, "a date without a moment");
     return nullptr;
@@ -290,8 +302,7 @@ ExpressionPtr PredicateParser::parseSubquery() {
 ExpressionPtr PredicateParser::parseKeyPath() {
   std::string path;
   if (!takeComponents(path)) return nullptr;
-  if (path.empty()) return Expression::self();
-  return path.front() == '@' ? Expression::path(Expression::self(), path) : Expression::keyPath(path);
+  return keyExpression(path);
 }
 
 bool PredicateParser::takeComponents(std::string& path) {
@@ -302,6 +313,7 @@ bool PredicateParser::takeComponents(std::string& path) {
 }
 
 bool PredicateParser::takeComponent(std::string& path) {
+  if (!countPart(token_.position)) return false;
   if (token_.isKeyArgument()) {
     const std::optional<Value> argument = takeArgument();
     if (!argument) return false;

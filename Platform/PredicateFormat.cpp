@@ -4,7 +4,7 @@
 // in a decimal-comma locale.
 //
 // A real without a fraction is printed as an integer, but not in arithmetic, where 1 / 2 is 0 and 1 / 2.0 is
-// not.
+// not, nor in the collection of a subquery, whose variable may stand in arithmetic.
 //
 // What withFormat() made can be read back and means the same, but for constants that the language has no
 // literal for: data and dictionaries are printed for people.
@@ -171,9 +171,9 @@ void appendElement(std::string& out, const Expression& expression, bool keepsKin
   }
 }
 
-void appendSubquery(std::string& out, const Expression& expression, bool keepsKind) {
+void appendSubquery(std::string& out, const Expression& expression) {
   out += "SUBQUERY(";
-  appendExpression(out, *expression.base(), keepsKind);
+  appendExpression(out, *expression.base(), true);
   out += ", $";
   out += expression.name();
   out += ", ";
@@ -208,7 +208,7 @@ void appendExpression(std::string& out, const Expression& expression, bool keeps
       out += '.';
       return appendComponents(out, expression.components());
     case Expression::Kind::subquery:
-      return appendSubquery(out, expression, keepsKind);
+      return appendSubquery(out, expression);
   }
 }
 
@@ -265,19 +265,7 @@ void appendLeaf(std::string& out, const Predicate& predicate) {
     appendExpression(out, *predicate.right());
     return;
   }
-  const bool truth = predicate.kind() == Predicate::Kind::constant
-                         ? predicate.constantValue()
-                         : predicate.kind() == Predicate::Kind::conjunction;  // of nothing
-  out += truth ? "TRUEPREDICATE" : "FALSEPREDICATE";
-}
-
-/// An AND or OR of one member says nothing of its own.
-const Predicate& withoutEmptyShells(const Predicate& predicate) {
-  const Predicate* inner = &predicate;
-  while (inner->members().size() == 1 && inner->kind() != Predicate::Kind::negation) {
-    inner = inner->members().front().get();
-  }
-  return *inner;
+  out += predicate.constantValue() ? "TRUEPREDICATE" : "FALSEPREDICATE";
 }
 
 /// A predicate whose members are being printed. Its own stack instead of the thread's: a builder can nest
@@ -300,9 +288,8 @@ void appendBeforeMember(std::string& out, const Frame& frame) {
 void appendPredicate(std::string& out, const Predicate& root) {
   std::vector<Frame> open;
   const auto print = [&](const Predicate& predicate) {
-    const Predicate& shown = withoutEmptyShells(predicate);
-    if (shown.members().empty()) return appendLeaf(out, shown);
-    open.push_back({&shown, !open.empty()});
+    if (predicate.members().empty()) return appendLeaf(out, predicate);
+    open.push_back({&predicate, !open.empty()});
   };
   print(root);
   while (!open.empty()) {

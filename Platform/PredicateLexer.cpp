@@ -3,6 +3,8 @@
 
 #include "Platform/PredicateLexer.h"
 
+#include <unicode/uchar.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -10,6 +12,8 @@
 #include <limits>
 #include <optional>
 #include <utility>
+
+#include "Platform/Unicode.h"
 
 namespace qx::detail {
 
@@ -95,13 +99,18 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-bool isIdentifierStart(char c) {
-  const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-  return letter || c == '_' || static_cast<unsigned char>(c) >= 0x80;
+/// Whether a name can begin with `point`: what the Unicode Standard, Annex #31, calls ID_Start, and "_".
+bool isNameStart(char32_t point) {
+  const bool letter = (point >= 'a' && point <= 'z') || (point >= 'A' && point <= 'Z');
+  if (point < 0x80) return letter || point == '_';
+  return point != unicode::kIllFormed && u_isIDStart(static_cast<UChar32>(point));
 }
 
-bool isIdentifierPart(char c) {
-  return isIdentifierStart(c) || isDigit(c);
+/// Whether a name can go on with `point`: ID_Continue, without what nobody would see.
+bool isNamePart(char32_t point) {
+  if (point < 0x80) return isNameStart(point) || (point >= '0' && point <= '9');
+  const auto character = static_cast<UChar32>(point);
+  return point != unicode::kIllFormed && u_isIDPart(character) && !u_isIDIgnorable(character);
 }
 
 bool isSpace(char c) {
@@ -144,22 +153,6 @@ int digitValue(char c) {
   return std::numeric_limits<int>::max();
 }
 
-void appendUTF8(std::string& out, std::uint32_t codePoint) {
-  const auto append = [&out](std::uint32_t byte) { out += static_cast<char>(byte); };
-  if (codePoint < 0x80) return append(codePoint);
-  if (codePoint < 0x800) {
-    append(0xC0 | (codePoint >> 6));
-  } else if (codePoint < 0x10000) {
-    append(0xE0 | (codePoint >> 12));
-    append(0x80 | ((codePoint >> 6) & 0x3F));
-  } else {
-    append(0xF0 | (codePoint >> 18));
-    append(0x80 | ((codePoint >> 12) & 0x3F));
-    append(0x80 | ((codePoint >> 6) & 0x3F));
-  }
-  append(0x80 | (codePoint & 0x3F));
-}
-
 /// A decimal literal as a double: infinite past the largest, 0 below the smallest. Empty when it is past
 /// even the long double's range.
 std::optional<double> realLiteral(std::string_view digits) {
@@ -198,6 +191,11 @@ char PredicateLexer::peek(std::size_t ahead) const {
   return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0';
 }
 
+char32_t PredicateLexer::peekPoint() const {
+  std::size_t at = position_;
+  return atEnd() ? U'\0' : unicode::decodeUTF8(text_, at);
+}
+
 PredicateToken PredicateLexer::token(Kind kind, std::string_view text, Word word) const {
   PredicateToken token;
   token.kind = kind;
@@ -222,7 +220,7 @@ PredicateToken PredicateLexer::next() {
   start_ = position_;
   if (atEnd()) return token(Kind::end);
   const char c = peek();
-  if (isIdentifierStart(c)) return word();
+  if (isNameStart(peekPoint())) return word();
   if (isDigit(c) || (c == '.' && isDigit(peek(1)))) return number();
   switch (c) {
     case '"':
@@ -243,14 +241,14 @@ PredicateToken PredicateLexer::next() {
 
 std::string_view PredicateLexer::scanIdentifier() {
   const std::size_t first = position_;
-  while (!atEnd() && isIdentifierPart(peek()))
-    ++position_;
+  std::size_t next = first;
+  while (next < text_.size() && isNamePart(unicode::decodeUTF8(text_, next)))
+    position_ = next;
   return text_.substr(first, position_ - first);
 }
 
 PredicateToken PredicateLexer::word() {
   const std::string_view name = scanIdentifier();
-  if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
   const Spelling* const reserved = peek() == '-' ? findHyphenated(text_.substr(start_)) : findReserved(name);
   if (reserved == nullptr) return token(Kind::identifier, name);
   position_ = start_ + reserved->text.size();
@@ -260,13 +258,12 @@ PredicateToken PredicateLexer::word() {
 PredicateToken PredicateLexer::prefixedWord(Kind kind, bool keepPrefix) {
   const char prefix = peek();
   ++position_;
-  if (!isIdentifierStart(peek())) {
+  if (!isNameStart(peekPoint())) {
     return invalid(start_, prefix == '#'   ? "\"#\" without a name"
                            : prefix == '@' ? "\"@\" without a name"
                                            : "\"$\" without a name");
   }
   const std::string_view name = scanIdentifier();
-  if (!isValidUTF8(name)) return invalid(start_, "malformed UTF-8");
   return token(kind, keepPrefix ? text_.substr(start_, position_ - start_) : name);
 }
 
@@ -293,7 +290,7 @@ PredicateToken PredicateLexer::number() {
     position_ += 1 + sign;
     skipDigits();
   }
-  if (isIdentifierPart(peek())) return invalid(start_, "a number runs into a word");
+  if (isNamePart(peekPoint())) return invalid(start_, "a number runs into a word");
 
   const std::string_view digits = text_.substr(start_, position_ - start_);
   PredicateToken result = token(Kind::number, digits);
@@ -315,7 +312,7 @@ PredicateToken PredicateLexer::radixNumber(int radix) {
   for (; !atEnd() && digitValue(peek()) < radix; ++position_)
     real = real * radix + digitValue(peek());
   if (position_ == first) return invalid(start_, "a number without digits");
-  if (isIdentifierPart(peek())) return invalid(start_, "a number runs into a word");
+  if (isNamePart(peekPoint())) return invalid(start_, "a number runs into a word");
 
   PredicateToken result = token(Kind::number, text_.substr(start_, position_ - start_));
   std::uint64_t whole = 0;
@@ -339,7 +336,7 @@ long PredicateLexer::scanDigits(std::size_t digits, int radix) {
 bool PredicateLexer::unescape(std::string& out) {
   const long octal = scanDigits(3, 8);
   if (octal >= 0) {
-    appendUTF8(out, static_cast<std::uint32_t>(octal));
+    unicode::appendUTF8(out, static_cast<char32_t>(octal));
     return true;
   }
   const char c = peek();
@@ -361,7 +358,7 @@ bool PredicateLexer::unescape(std::string& out) {
     codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
   }
   if (codePoint >= 0xD800 && codePoint <= 0xDFFF) return false;
-  appendUTF8(out, static_cast<std::uint32_t>(codePoint));
+  unicode::appendUTF8(out, static_cast<char32_t>(codePoint));
   return true;
 }
 
@@ -410,7 +407,10 @@ PredicateToken PredicateLexer::symbol() {
   const auto* const found = std::find_if(kSymbols.begin(), kSymbols.end(), [&](const Spelling& each) {
     return each.text[0] == first && (each.text.size() == 1 || each.text[1] == second);
   });
-  if (found == kSymbols.end()) return invalid(start_, "a character that has no meaning here");
+  if (found == kSymbols.end()) {
+    const bool isIllFormed = peekPoint() == unicode::kIllFormed;
+    return invalid(start_, isIllFormed ? "malformed UTF-8" : "a character that has no meaning here");
+  }
   position_ += found->text.size();
   return token(Kind::symbol, found->text, found->word);
 }

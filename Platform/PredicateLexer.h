@@ -94,6 +94,8 @@ class PredicateLexer {
 
  private:
   char peek(std::size_t ahead = 0) const;
+  /// The character at the current position; NUL at the end.
+  char32_t peekPoint() const;
   bool atEnd() const { return position_ >= text_.size(); }
 
   PredicateToken word();

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Platform/PredicateNesting.h"
+#include "Platform/TextExcerpt.h"
 
 namespace qx {
 
@@ -56,7 +57,7 @@ std::optional<Predicate::Operator> comparisonOperator(Word word) {
 
 /// Why `right` cannot stand on the right of `op`; empty when it can. What it is only shows at evaluation
 /// unless it is a constant or a list.
-std::string misfit(Predicate::Operator op, const Expression& right) {
+std::string rightSideProblem(Predicate::Operator op, const Expression& right) {
   const bool constant = right.kind() == Expression::Kind::constant;
   const Array* const list = constant ? right.value().asArray() : nullptr;
   if (op == Predicate::Operator::between) {
@@ -69,43 +70,7 @@ std::string misfit(Predicate::Operator op, const Expression& right) {
     const bool searchable = kind == Value::Kind::dictionary || kind == Value::Kind::string;
     if (list == nullptr && !searchable) return "IN needs a list, a string or a key on its right";
   }
-  const std::string* const text = constant ? right.value().asString() : nullptr;
-  if (op == Predicate::Operator::matches && text != nullptr) {
-    const std::string problem = regularExpressionProblem(*text);
-    if (!problem.empty()) return "the regular expression cannot be used: " + problem;
-  }
   return {};
-}
-
-bool isContinuationByte(char c) {
-  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
-}
-
-/// The text round `position`, fit for a message: bounded, control characters and malformed UTF-8 escaped.
-std::string excerpt(std::string_view text, std::size_t position, std::size_t reach) {
-  std::size_t begin = position > reach ? position - reach : 0;
-  std::size_t end = std::min(text.size(), position + reach);
-  while (begin < position && isContinuationByte(text[begin]))
-    ++begin;
-  while (end > position && end < text.size() && isContinuationByte(text[end]))
-    --end;
-
-  const std::string_view part = text.substr(begin, end - begin);
-  const bool escapeAll = !isValidUTF8(part);
-  constexpr std::string_view kHex = "0123456789abcdef";
-  std::string out = begin > 0 ? "…" : "";
-  for (const char c : part) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F && (byte < 0x80 || !escapeAll)) {
-      out += c;
-      continue;
-    }
-    out += "\\x";
-    out += kHex[byte >> 4];
-    out += kHex[byte & 0xF];
-  }
-  if (end < text.size()) out += "…";
-  return out;
 }
 
 }  // namespace
@@ -175,6 +140,12 @@ bool PredicateParser::withinLimit(const Nesting& nesting, std::size_t position) 
   return false;
 }
 
+bool PredicateParser::countPart(std::size_t position) {
+  if (++parts_ <= kMostParts) return true;
+  fail(position, "the predicate has more than " + std::to_string(kMostParts) + " parts");
+  return false;
+}
+
 PredicateParser::Operand PredicateParser::parseChain(Word word, Level member,
                                                      PredicatePtr (*join)(std::vector<PredicatePtr>)) {
   Operand first = (this->*member)();
@@ -228,13 +199,21 @@ PredicateParser::Operand PredicateParser::parseComparisonOf(Operand left, Predic
   }
   const std::optional<Predicate::Operator> op = comparisonOperator(token_.word);
   if (!op) return left;
+  if (!countPart(token_.position)) return {};
   advance();
   const std::optional<Predicate::Options> options = parseOptions();
   if (!options) return {};
+  const std::size_t rightPosition = token_.position;
   ExpressionPtr right = parseRightSide(*op);
   if (right == nullptr) return {};
-  return {Predicate::comparison(std::move(left.expression), *op, std::move(right), *options, modifier),
-          nullptr, left.position};
+  PredicatePtr comparison =
+      Predicate::comparison(std::move(left.expression), *op, std::move(right), *options, modifier);
+  const std::string problem = comparison->pattern() != nullptr ? comparison->pattern()->problem() : "";
+  if (!problem.empty()) {
+    fail(rightPosition, "the regular expression cannot be used: " + problem);
+    return {};
+  }
+  return {std::move(comparison), nullptr, left.position};
 }
 
 std::optional<Predicate::Options> PredicateParser::parseOptions() {
@@ -265,7 +244,14 @@ ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
   const std::size_t position = token_.position;
   ExpressionPtr right = parseExpression();
   if (right == nullptr) return nullptr;
-  std::string reason = misfit(op, *right);
+  std::string reason = rightSideProblem(op, *right);
+  if (op == Predicate::Operator::matches && right->value().asString() != nullptr) {
+    constexpr std::size_t kMostExpressionBytes = 65536;  // the time to read them is more than linear
+    expressionBytes_ += right->value().asString()->size();
+    if (expressionBytes_ > kMostExpressionBytes)
+      reason = "the regular expressions are longer than " + std::to_string(kMostExpressionBytes) +
+               " bytes together";
+  }
   if (reason.empty()) return right;
   fail(position, std::move(reason));
   return nullptr;
@@ -273,9 +259,9 @@ ExpressionPtr PredicateParser::parseRightSide(Predicate::Operator op) {
 
 }  // namespace detail
 
-PredicatePtr Predicate::withFormat(std::string_view format, const std::vector<Value>& arguments,
+PredicatePtr Predicate::withFormat(std::string_view format, const FormatArguments& arguments,
                                    ErrorPtr* error) {
-  detail::PredicateParser parser(format, arguments);
+  detail::PredicateParser parser(format, arguments.values());
   PredicatePtr predicate = parser.parse();
   setError(error, predicate != nullptr ? nullptr : parser.error());
   return predicate;

@@ -35,6 +35,7 @@ class PredicateParser {
  private:
   /// Levels of brackets, of NOT and of minus signs that may be open at once, and of expressions in a tree.
   static constexpr int kNestingLimit = 200;
+  static constexpr std::size_t kMostParts = 1'000'000;
 
   /// A predicate or an expression; neither after a failure.
   struct Operand {
@@ -110,6 +111,9 @@ class PredicateParser {
   /// `expression` unless it has too many levels.
   ExpressionPtr withinLimit(ExpressionPtr expression, std::size_t position);
   bool withinLimit(const Nesting& nesting, std::size_t position);
+  /// Counts a comparison, an expression or a component of a key; false, and a failure, when there are too
+  /// many: each takes hundreds of bytes for the two or three of its text.
+  bool countPart(std::size_t position);
 
   /// Keep the first failure.
   void fail(std::size_t position, std::string reason);
@@ -120,6 +124,8 @@ class PredicateParser {
   PredicateLexer lexer_;
   PredicateToken token_;
   int levels_ = 0;
+  std::size_t parts_ = 0;
+  std::size_t expressionBytes_ = 0;  // of the regular expressions so far
   bool failed_ = false;
   std::size_t failurePosition_ = 0;
   std::string failureReason_;

@@ -3,33 +3,14 @@
 #include <algorithm>
 #include <charconv>
 
+#include "Platform/Unicode.h"
+
 namespace qx {
 
 namespace {
 
 constexpr std::size_t kMaximumBytes = 1U << 20;
 constexpr std::size_t kUnitDigits = 4;
-
-void appendUTF8(char32_t character, std::string* text) {
-  const auto continuation = [&](int shift) {
-    *text += static_cast<char>(0x80 | ((character >> shift) & 0x3F));
-  };
-  if (character < 0x80) {
-    *text += static_cast<char>(character);
-  } else if (character < 0x800) {
-    *text += static_cast<char>(0xC0 | (character >> 6));
-    continuation(0);
-  } else if (character < 0x10000) {
-    *text += static_cast<char>(0xE0 | (character >> 12));
-    continuation(6);
-    continuation(0);
-  } else {
-    *text += static_cast<char>(0xF0 | (character >> 18));
-    continuation(12);
-    continuation(6);
-    continuation(0);
-  }
-}
 
 bool isBareCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
@@ -135,12 +116,12 @@ class Parser {
   /// A UTF-16 unit, or the two of a surrogate pair ("\Ud83d\Ude00").
   void takeUnits(std::string* taken) {
     const char32_t first = takeUnit();
-    if (first < 0xD800 || first > 0xDFFF) return appendUTF8(first, taken);
+    if (first < 0xD800 || first > 0xDFFF) return unicode::appendUTF8(*taken, first);
     if (first > 0xDBFF || !(startsWith("\\U") || startsWith("\\u"))) return fail("half a surrogate pair");
     position_ += 2;
     const char32_t second = takeUnit();
     if (second < 0xDC00 || second > 0xDFFF) return fail("half a surrogate pair");
-    appendUTF8(0x10000 + ((first - 0xD800) << 10) + (second - 0xDC00), taken);
+    unicode::appendUTF8(*taken, 0x10000 + ((first - 0xD800) << 10) + (second - 0xDC00));
   }
 
   char32_t takeUnit() {

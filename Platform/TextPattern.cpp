@@ -95,13 +95,20 @@ std::string_view fold(std::string_view text, Options options, std::string& stora
   return storage;
 }
 
+constexpr std::size_t kBytesPerStep = 64;
+
+void charge(std::size_t* steps, std::size_t count) {
+  if (steps != nullptr) *steps += count;
+}
+
 /// CONTAINS, BEGINSWITH, ENDSWITH, and IN a string.
 class PartPattern : public TextPattern {
  public:
   PartPattern(Operator op, std::string_view pattern, Options options)
       : operator_(op), options_(options), pattern_(foldedText(pattern, options)) {}
 
-  bool matches(std::string_view subject) const override {
+  bool matches(std::string_view subject, std::size_t* steps) const override {
+    charge(steps, subject.size() / kBytesPerStep + stepsToFold(subject, options_));
     std::string storage;
     const std::string_view text = fold(subject, options_, storage);
     if (operator_ == Operator::in) return isPart(text, pattern_);
@@ -172,52 +179,169 @@ class LikePattern : public TextPattern {
   LikePattern(std::string_view pattern, Options options)
       : options_(options), pattern_(foldedCharactersOf(pattern, options).units) {}
 
-  bool matches(std::string_view subject) const override {
-    if (!pattern_.isASCII() || !unicode::isASCII(subject))
-      return pattern_.matches(foldedCharactersOf(subject, options_));
-    std::string storage;
-    return pattern_.matches(fold(subject, options_, storage));
+  bool matches(std::string_view subject, std::size_t* steps) const override {
+    std::size_t compared = 0;
+    const bool found = matchesCounting(subject, compared);
+    charge(steps, (subject.size() + compared) / kComparisonsPerStep + stepsToFold(subject, options_));
+    return found;
   }
 
  private:
+  static constexpr std::size_t kComparisonsPerStep = 8;
+
+  bool matchesCounting(std::string_view subject, std::size_t& compared) const {
+    if (!pattern_.isASCII() || !unicode::isASCII(subject))
+      return pattern_.matches(foldedCharactersOf(subject, options_), compared);
+    std::string storage;
+    return pattern_.matches(fold(subject, options_, storage), compared);
+  }
+
   Options options_;
   WildcardPattern pattern_;
+};
+
+/// What a malformed expression is called in a message.
+const char* describe(UErrorCode status) {
+  switch (status) {
+    case U_REGEX_BAD_ESCAPE_SEQUENCE:
+      return "an unknown escape";
+    case U_REGEX_PROPERTY_SYNTAX:
+      return "an unknown property";
+    case U_REGEX_MISMATCHED_PAREN:
+      return "a parenthesis or bracket without its other half";
+    case U_REGEX_BAD_INTERVAL:
+    case U_REGEX_MAX_LT_MIN:
+    case U_REGEX_NUMBER_TOO_BIG:
+      return "a malformed repetition {...}";
+    case U_REGEX_INVALID_BACK_REF:
+      return "a reference to no group";
+    case U_REGEX_LOOK_BEHIND_LIMIT:
+      return "a look-behind without bounds";
+    case U_REGEX_SET_CONTAINS_STRING:
+    case U_REGEX_MISSING_CLOSE_BRACKET:
+    case U_REGEX_INVALID_RANGE:
+    case U_ILLEGAL_ARGUMENT_ERROR:
+      return "a malformed set [...]";
+    case U_REGEX_RULE_SYNTAX:
+      return "malformed";
+    default:
+      return u_errorName(status);
+  }
+}
+
+/// How long a step of ICU's matcher takes, which copies the places of all groups and compares one run of
+/// literal characters; in nanoseconds, as measured.
+class StepDuration {
+ public:
+  static constexpr std::size_t kMostGroups = 1000;
+
+  StepDuration() = default;
+  StepDuration(std::string_view pattern, bool ignoresCase)
+      : ignoresCase_(ignoresCase || pattern.find("(?") != std::string_view::npos) {
+    const bool runsAreHidden =
+        pattern.find("\\Q") != std::string_view::npos || pattern.find('#') != std::string_view::npos;
+    std::size_t run = 0;
+    for (std::size_t at = 0; at < pattern.size(); ++at) {
+      const char c = pattern[at];
+      const char next = at + 1 < pattern.size() ? pattern[at + 1] : '\0';
+      run = std::string_view("|()[]{}*+?.").find(c) == std::string_view::npos ? run + 1 : 0;
+      longestRun_ = std::max(longestRun_, runsAreHidden ? pattern.size() : run);
+      const bool isNamed = pattern.substr(at).starts_with("(?<");
+      if (c == '(' && (next != '?' || isNamed)) ++groups_;
+      if (c == '\\' && (next == 'k' || (next >= '1' && next <= '9'))) refersBack_ = true;
+    }
+  }
+
+  std::size_t groups() const { return groups_; }
+
+  std::int64_t nanoseconds(std::size_t textLength) const {
+    const std::size_t compared = std::min(longestRun_, textLength) * (ignoresCase_ ? 10 : 1) / 5;
+    const std::size_t referred = refersBack_ ? textLength / 3 : 0;
+    return static_cast<std::int64_t>(50 + 4 * groups_ + compared + referred);
+  }
+
+ private:
+  bool ignoresCase_ = false;
+  bool refersBack_ = false;
+  std::size_t groups_ = 0;
+  std::size_t longestRun_ = 0;
 };
 
 class RegularExpression : public TextPattern {
  public:
   RegularExpression(std::string_view pattern, Options options) : options_(options) {
-    if (pattern.size() > kLongestExpression) return;
-    UErrorCode status = U_ZERO_ERROR;
-    UParseError position;
+    if (pattern.size() > kLongestExpression) {
+      problem_ = "it is longer than " + std::to_string(kLongestExpression) + " bytes";
+      return;
+    }
     const bool ignoresCase = options.caseInsensitive && !options.normalized;
-    const std::uint32_t flags = ignoresCase ? UREGEX_CASE_INSENSITIVE : 0;
-    std::unique_ptr<icu::RegexPattern> compiled(
-        icu::RegexPattern::compile(normalized(pattern), flags, position, status));
-    if (U_SUCCESS(status)) pattern_ = std::move(compiled);
+    duration_ = StepDuration(pattern, ignoresCase);
+    if (duration_.groups() > StepDuration::kMostGroups) {
+      problem_ = "it has more than " + std::to_string(StepDuration::kMostGroups) + " groups";
+      return;
+    }
+    compile(normalized(pattern), ignoresCase);
   }
 
-  bool matches(std::string_view subject) const override {
+  bool matches(std::string_view subject, std::size_t* steps) const override {
     if (pattern_ == nullptr || subject.size() > kLongestText) return false;
     const icu::UnicodeString text = normalized(subject);
+    const std::int64_t unit = kStepsPerUnit * duration_.nanoseconds(subject.size());
+    charge(steps, static_cast<std::size_t>(unit) / kUnitsOfShortMatch / kNanosecondsPerStep +
+                      subject.size() / 4 + stepsToFold(subject, options_));
+    const std::int64_t longer = kLongerPerCharacter * text.length();
+    if (unit > kLongestUnit + longer) return false;
+    const std::int64_t units = std::max<std::int64_t>(1, (kLongest + longer) / unit);
+    std::int32_t taken = 0;
+    const bool found = run(text, static_cast<std::int32_t>(units), taken);
+    charge(steps, static_cast<std::size_t>(taken * unit / kNanosecondsPerStep));
+    return found;
+  }
+
+ private:
+  // ICU counts the steps of its matcher, not seconds, and asks after so many of them.
+  static constexpr std::int64_t kStepsPerUnit = 10'000;
+  // In nanoseconds.
+  static constexpr std::int64_t kLongest = 10'000'000;
+  static constexpr std::int64_t kLongerPerCharacter = 250;
+  static constexpr std::int64_t kLongestUnit = 50'000'000;
+  static constexpr std::int64_t kNanosecondsPerStep = 20;  // of an EvaluationBudget
+  static constexpr std::size_t kUnitsOfShortMatch = 100;   // such a part of a unit
+  // Its own stack of places to go back to: enough for one or two of them at each character.
+  static constexpr std::int32_t kStackBytes = 8'000'000;
+  static constexpr std::int32_t kBytesPerCharacter = 64;
+  static constexpr std::int32_t kCharactersOnStack = 2'000'000;
+
+  void compile(const icu::UnicodeString& expression, bool ignoresCase) {
+    UErrorCode status = U_ZERO_ERROR;
+    UParseError position;
+    std::unique_ptr<icu::RegexPattern> compiled(
+        icu::RegexPattern::compile(expression, ignoresCase ? UREGEX_CASE_INSENSITIVE : 0, position, status));
+    if (U_SUCCESS(status)) {
+      pattern_ = std::move(compiled);
+      return;
+    }
+    std::string before;
+    expression.tempSubStringBetween(0, std::max(position.offset, 0)).toUTF8String(before);
+    problem_ = std::string(describe(status)) + " at byte " + std::to_string(before.size());
+  }
+
+  bool run(const icu::UnicodeString& text, std::int32_t units, std::int32_t& taken) const {
     UErrorCode status = U_ZERO_ERROR;
     const std::unique_ptr<icu::RegexMatcher> matcher(pattern_->matcher(text, status));
     if (U_FAILURE(status)) return false;
-    matcher->setTimeLimit(kTimeLimit + text.length() / kCharactersPerTimeUnit, status);
+    const auto note = [](const void* context, std::int32_t count) -> UBool {
+      **static_cast<std::int32_t* const*>(context) = count;
+      return true;
+    };
+    std::int32_t* const counter = &taken;
+    matcher->setMatchCallback(note, &counter, status);
+    matcher->setTimeLimit(units, status);
     matcher->setStackLimit(std::min(text.length(), kCharactersOnStack) * kBytesPerCharacter + kStackBytes,
                            status);
     const bool found = static_cast<bool>(matcher->matches(status));
     return found && U_SUCCESS(status);
   }
-
- private:
-  // ICU counts the steps of its matcher, not seconds: the answer is the same on every machine.
-  static constexpr std::int32_t kTimeLimit = 100;
-  static constexpr std::int32_t kCharactersPerTimeUnit = 1000;
-  // Its own stack of places to go back to: enough for one or two of them at each character.
-  static constexpr std::int32_t kStackBytes = 8'000'000;
-  static constexpr std::int32_t kBytesPerCharacter = 64;
-  static constexpr std::int32_t kCharactersOnStack = 2'000'000;
 
   /// The expression folds case by itself.
   icu::UnicodeString normalized(std::string_view text) const {
@@ -227,7 +351,8 @@ class RegularExpression : public TextPattern {
   }
 
   Options options_;
-  std::unique_ptr<const icu::RegexPattern> pattern_;  // null when the text is no expression
+  StepDuration duration_;
+  std::unique_ptr<const icu::RegexPattern> pattern_;  // null when there is a problem
 };
 
 }  // namespace
@@ -244,17 +369,14 @@ std::shared_ptr<const TextPattern> TextPattern::make(Predicate::Operator op, std
   return std::make_shared<PartPattern>(op, pattern, options);
 }
 
-std::string regularExpressionProblem(std::string_view pattern) {
-  if (pattern.size() > kLongestExpression)
-    return "it is longer than " + std::to_string(kLongestExpression) + " bytes";
-  const icu::UnicodeString text = unicodeString(pattern);
-  UErrorCode status = U_ZERO_ERROR;
-  UParseError position;
-  const std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(text, 0, position, status));
-  if (U_SUCCESS(status)) return {};
-  std::string before;
-  text.tempSubStringBetween(0, std::max(position.offset, 0)).toUTF8String(before);
-  return std::string(u_errorName(status)) + " at byte " + std::to_string(before.size());
+std::size_t stepsToMake(Predicate::Operator op, std::size_t bytes) {
+  if (op != Operator::matches) return 10 + bytes;
+  return 500 + (bytes > kLongestExpression ? 0 : bytes * bytes / 64);
+}
+
+std::size_t stepsToFold(std::string_view text, Predicate::Options options) {
+  if (!folds(options)) return 0;
+  return unicode::isASCII(text) ? text.size() / 16 : 4 * text.size();
 }
 
 }  // namespace qx::detail

@@ -65,6 +65,7 @@ class Matcher {
   }
 
   void setEnd(std::size_t end) { end_ = end; }
+  std::size_t steps() const { return steps_; }
 
  private:
   bool isInside(std::size_t at) const { return !continues_.empty() && continues_[at]; }
@@ -117,35 +118,39 @@ void WildcardPattern::add(std::u32string units) {
 namespace {
 
 template <class Pieces, class Unit, class Find>
-bool matchesPieces(const Pieces& pieces, std::basic_string_view<Unit> text,
-                   const std::vector<bool>& continues, Find&& findPiece) {
-  Matcher<Unit> matcher(text, continues);
+bool matchesPieces(const Pieces& pieces, Matcher<Unit>& matcher, std::size_t textLength, Find&& findPiece) {
   std::size_t at = matcher.forward(pieces.front().units, 0);
-  if (at == kNone || pieces.size() == 1) return at == text.size();
+  if (at == kNone || pieces.size() == 1) return at == textLength;
   const std::size_t end = matcher.backward(pieces.back().units);
   if (end == kNone || end < at) return false;
   matcher.setEnd(end);
   for (std::size_t i = 1; i + 1 < pieces.size() && at != kNone; ++i)
-    at = findPiece(matcher, pieces[i], at, end);
+    at = findPiece(pieces[i], at, end);
   return at != kNone;
 }
 
 }  // namespace
 
-bool WildcardPattern::matches(const CharacterText& text) const {
-  return matchesPieces(pieces_, std::u32string_view(text.units), text.continues,
-                       [](auto& matcher, const Piece& piece, std::size_t from, std::size_t) {
-                         return matcher.find(piece.units, from);
-                       });
+bool WildcardPattern::matches(const CharacterText& text, std::size_t& compared) const {
+  Matcher<char32_t> matcher(text.units, text.continues);
+  const bool found = matchesPieces(
+      pieces_, matcher, text.units.size(),
+      [&](const Piece& piece, std::size_t from, std::size_t) { return matcher.find(piece.units, from); });
+  compared = matcher.steps();
+  return found;
 }
 
-bool WildcardPattern::matches(std::string_view text) const {
-  return matchesPieces(pieces_, text, {},
-                       [&](auto& matcher, const Piece& piece, std::size_t from, std::size_t end) {
-                         if (piece.bytes.empty()) return matcher.find(piece.units, from);
-                         const std::size_t found = findBytes(text.substr(0, end), piece.bytes, from);
-                         return found != kNone ? found + piece.bytes.size() : kNone;
-                       });
+bool WildcardPattern::matches(std::string_view text, std::size_t& compared) const {
+  const std::vector<bool> none;
+  Matcher<char> matcher(text, none);
+  const bool found = matchesPieces(pieces_, matcher, text.size(),
+                                   [&](const Piece& piece, std::size_t from, std::size_t end) {
+                                     if (piece.bytes.empty()) return matcher.find(piece.units, from);
+                                     const std::size_t at = findBytes(text.substr(0, end), piece.bytes, from);
+                                     return at != kNone ? at + piece.bytes.size() : kNone;
+                                   });
+  compared = matcher.steps();
+  return found;
 }
 
 }  // namespace qx::detail

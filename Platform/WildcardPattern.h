@@ -24,9 +24,10 @@ class WildcardPattern {
 
   /// Whether all of its literal characters are ASCII.
   bool isASCII() const { return isASCII_; }
-  bool matches(const CharacterText& text) const;
+  /// `compared` is set to how many comparisons of characters it took.
+  bool matches(const CharacterText& text, std::size_t& compared) const;
   /// For ASCII text and an ASCII pattern.
-  bool matches(std::string_view text) const;
+  bool matches(std::string_view text, std::size_t& compared) const;
 
  private:
   struct Piece {

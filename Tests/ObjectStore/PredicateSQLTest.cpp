@@ -1,6 +1,7 @@
 #include "ObjectStore/PredicateSQL.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -66,17 +67,27 @@ TEST_F(PredicateSQLTest, NamesWhatTheEntityDoesNotHave) {
       {k("Z_PK"), "\"Z_PK\""},
       {k("eventClass.eventSeverity.x"), "\"eventClass.eventSeverity.x\""},
       {k("eventID\" = 1 --"), "\"eventID\" = 1 --\""},
-      {k("eventClass"), "\"eventClass\""},
-      {k("eventClass.@count"), "\"eventClass\""},
       {Expression::self(), "\"SELF\""},
       {Expression::path(Expression::self(), "unknown"), "\"unknown\""},
       {hidden, "\"hidden\""},
+      {k(std::string(1000, 'x')), "\"xxx"},
   };
   for (const auto& [expression, name] : cases) {
     const std::string refused = compiled(expression, Operator::equal, c(1));
     EXPECT_TRUE(refused.starts_with("134060: ")) << refused;
     EXPECT_NE(refused.find(std::string("has no attribute ") + name), std::string::npos) << refused;
+    EXPECT_LT(refused.size(), 500U) << refused;
   }
+  for (const char* relationship : {"eventClass", "eventClass.@count"}) {
+    const std::string refused = compiled(k(relationship), Operator::lessOrEqual, c(nullptr));
+    EXPECT_NE(refused.find("\"eventClass\" is a relationship"), std::string::npos) << refused;
+  }
+  std::vector<PredicatePtr> many;
+  for (int i = 0; i < 100'000; ++i)
+    many.push_back(Predicate::comparison(k("unknown" + std::to_string(i)), Operator::like, c("*")));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_LT(compiled(Predicate::negation(Predicate::disjunction(std::move(many)))).size(), 1000U);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 template <class T>
@@ -329,6 +340,33 @@ TEST_F(PredicateSQLTest, SelectsWhatTheEvaluatorSelectsMissingValuesIncluded) {
   }
   EXPECT_GT(decided, 400U);  // else they say little
   EXPECT_GT(readable, 1000U);
+}
+
+TEST_F(PredicateSQLTest, GivesUpOnTheSameComparisonsAsTheEvaluator) {
+  Stack stack(path_);
+  stack.addEvent("a");
+  ASSERT_TRUE(stack.context.save());
+  const auto event = stack.context.fetch("QXEvent", nullptr)->front();
+  // 200 ^ 3 members to look at, and 2 ^ 100 sums: no value within the steps of one comparison.
+  ExpressionPtr members = c(Array(200, 1));
+  const ExpressionPtr list = members;
+  for (const char* name : {"x", "y", "z"})
+    members =
+        Expression::subquery(list, name, Predicate::comparison(members, Operator::notEqual, c(nullptr)));
+  ExpressionPtr doubled = c(1);
+  for (int level = 0; level < 100; ++level)
+    doubled = Expression::arithmetic(doubled, Expression::Operation::add, doubled);
+  const ExpressionPtr count = Expression::path(members, "@count");
+  const std::vector<PredicatePtr> predicates = {
+      Predicate::comparison(k("eventID"), Operator::notEqual, count),
+      Predicate::comparison(count, Operator::notEqual, k("eventID")),
+      Predicate::comparison(k("eventSourceID"), Operator::lessOrEqual, doubled),
+      Predicate::comparison(k("eventID"), Operator::notEqual, doubled),
+  };
+  for (const PredicatePtr& predicate : predicates) {
+    EXPECT_FALSE(predicate->evaluate(*event));
+    EXPECT_EQ(stack.context.count("QXEvent", predicate), 0U) << compiled(predicate);
+  }
 }
 
 TEST_F(PredicateSQLTest, TakesListsOfAnyLength) {

@@ -31,6 +31,10 @@ TEST(PredicateBuilder, BuildsTheTreeThatTheTextIsReadInto) {
        "a LIKE \"x*\" OR a MATCHES[c] \"x.*\""},
       {key("a").compare(Predicate::Operator::equal, key("b"), kCaseAndMarks), "a ==[cd] b"},
       {key("a.b").any() == 1 && key("c").all().in({1}), "ANY a.b == 1 AND ALL c IN {1}"},
+      {key("a").any() > key("b") && key("a").all() != nullptr, "ANY a > b AND ALL a != nil"},
+      {1 == key("n") && "x" != key("n") && 2 < key("n"), "1 == n AND \"x\" != n AND 2 < n"},
+      {1 <= key("n") || 2.5 > key("n") || nullptr >= key("n"), "1 <= n OR 2.5 > n OR nil >= n"},
+      {key("self") == key("SELF.a") && key("Self.@count") > 1, "SELF == a AND SELF.@count > 1"},
       {key("a") + 1 > key("b"), "a + 1 > b"},
       {(key("a") - key("b")) * 2 == 1 - key("c") / key("d"), "(a - b) * 2 == 1 - (c / d)"},
       {-key("a") == power(2 * key("b"), 3) / (4 + key("c")), "-a == ((2 * b) ** 3) / (4 + c)"},
@@ -51,12 +55,30 @@ TEST(PredicateBuilder, BuildsTheTreeThatTheTextIsReadInto) {
   }
 }
 
+template <class A, class B>
+constexpr bool kCanAdd = requires(A a, B b) {
+  a + b;
+};
+template <class A, class B>
+constexpr bool kCanCompare = requires(A a, B b) {
+  a.compare(Predicate::Operator::less, b);
+};
+
+// What says ANY or ALL stands on the left of a comparison and nowhere else.
+static_assert(kCanAdd<KeyBuilder, KeyBuilder> && kCanAdd<KeyBuilder, int>);
+static_assert(!kCanAdd<MembersBuilder, int> && !kCanAdd<KeyBuilder, MembersBuilder>);
+static_assert(kCanCompare<KeyBuilder, KeyBuilder> && kCanCompare<MembersBuilder, KeyBuilder>);
+static_assert(!kCanCompare<KeyBuilder, MembersBuilder> && !kCanCompare<MembersBuilder, MembersBuilder>);
+
 TEST(PredicateBuilder, TakesNullForFalseAndForNil) {
   EXPECT_EQ(Predicate::conjunction({})->predicateFormat(), "TRUEPREDICATE");
   EXPECT_EQ(Predicate::disjunction({})->predicateFormat(), "FALSEPREDICATE");
   const PredicatePtr shells =
       Predicate::conjunction({Predicate::disjunction({key("a") == 1}), Predicate::conjunction({})});
   EXPECT_EQ(shells->predicateFormat(), "a == 1 AND TRUEPREDICATE");
+  EXPECT_TRUE(*shells == *Predicate::withFormat("a == 1 AND TRUEPREDICATE"));
+  EXPECT_TRUE(*Predicate::conjunction({shells}) == *shells);
+  EXPECT_EQ(Predicate::disjunction({nullptr})->kind(), Predicate::Kind::constant);
 
   const PredicatePtr nothing = Condition(nullptr) && Condition(nullptr);
   EXPECT_EQ(nothing->predicateFormat(), "FALSEPREDICATE AND FALSEPREDICATE");

@@ -1,6 +1,7 @@
 #include <QXEventStoring/Platform/Predicate.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -371,6 +372,44 @@ TEST(PredicateEvaluation, SelectsWithSubqueriesInSubqueries) {
       k("teams"), "t", Predicate::comparison(variable("u"), Operator::equal, c(nullptr)));
   expectValue(Expression::path(unbound, "@count")->evaluate(subject), 3, "unbound");
   EXPECT_TRUE(Expression::subquery(k("name"), "t", sameName)->evaluate(subject).isNull());
+}
+
+TEST(PredicateEvaluation, EndsSoonWhateverIsDoneForEachMember) {
+  const Value hostile = std::string(60, 'a');
+  const Array longTexts(50, std::string(1 << 20, 'a'));
+  Array numbers;
+  for (int i = 0; i < 3000; ++i)
+    numbers.push_back(i);
+  const DictionarySubject subject({{"numbers", numbers},
+                                   {"texts", Array(100, hostile)},
+                                   {"long", longTexts},
+                                   {"expression", std::string(32000, '.')}});
+  const std::vector<const char*> formats = {
+      "SUBQUERY(numbers, $x, %@ MATCHES '(a+)+b').@count == 0",
+      "ANY texts MATCHES '(a+)+b' OR NOT ALL texts MATCHES '(a+)+b|a+'",
+      "SUBQUERY(numbers, $x, SUBQUERY(numbers, $y, -1 IN numbers).@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(numbers, $y, numbers CONTAINS[c] 'x').@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(numbers, $y, ANY numbers < 0).@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(numbers, $y, ANY numbers IN numbers).@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(numbers, $y, numbers.@sum < 0).@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(long, $y, $y ==[cd] long[0]).@count < 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(long, $y, $y CONTAINS 'b').@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, SUBQUERY(long, $y, $y LIKE '*aaaa?b*').@count > 0).@count == 0",
+      "SUBQUERY(numbers, $x, 'a' MATCHES expression).@count == 0",
+  };
+  for (const char* format : formats) {
+    const PredicatePtr predicate = Predicate::withFormat(format, {hostile});
+    ASSERT_NE(predicate, nullptr) << format;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(predicate->evaluate(subject), std::string_view(format).starts_with("ANY")) << format;
+    const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(taken.count(), 1000) << format;  // without load: 50
+  }
+  // What is done once is never too much.
+  const PredicatePtr wide = Predicate::comparison(c(-1), Operator::in, c(Array(3'000'000, -1.0)));
+  EXPECT_TRUE(wide->evaluate(subject));
+  const PredicatePtr far = Predicate::comparison(c(Array(3'000'000, 0)), Operator::contains, c(1));
+  EXPECT_TRUE(Predicate::negation(far)->evaluate(subject));
 }
 
 TEST(PredicateEvaluation, EndsWhateverTheSubqueries) {

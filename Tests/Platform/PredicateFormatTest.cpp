@@ -78,6 +78,7 @@ TEST(PredicateFormat, PrintsLiteralsSoThatTheyReadBack) {
       {"a == %@", {nullptr}, "a == nil"},
       {"a == %@", {Date{-978307200}}, "a == CAST(-978307200.000000, \"NSDate\")"},
       {"a > cast(1000, 'NSDate')", {}, "a > CAST(1000.000000, \"NSDate\")"},
+      {"a > CAST(-(3) + 2 * 60.5, 'NSDate')", {}, "a > CAST(118.000000, \"NSDate\")"},
       {"a > CAST(%@, %s)", {-0.25, "NSDate"}, "a > CAST(-0.250000, \"NSDate\")"},
       {"a IN {}", {}, "a IN {}"},
       {"a IN { 1 , b.c, {'x', %@} }", {Array{}}, "a IN {1, b.c, {\"x\", {}}}"},
@@ -110,6 +111,7 @@ TEST(PredicateFormat, PrintsKeysWithReservedWordsMarked) {
       {"SELF.x == %K AND %K.y == 1", {"self.x", "SELF"}, "x == x AND y == 1"},
       {"#self == 1", {}, "#self == 1"},
       {"gr\u00f6\u00dfe . \u5024 == 1", {}, "gr\u00f6\u00dfe.\u5024 == 1"},
+      {"e\u0301\u0663 == \U00020000", {}, "e\u0301\u0663 == \U00020000"},
   });
 }
 

@@ -86,9 +86,18 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a uti-conforms-to 'x'", 2, "\"UTI-CONFORMS-TO\" is not supported"},
       {"a UTI-equals 'x'", 2, "\"UTI-EQUALS\" is not supported"},
       {"ANYKEY == 1", 0, "\"ANYKEY\" is not supported"},
-      {"a MATCHES 'x{0'", 10, "U_REGEX_BAD_INTERVAL at byte 3"},
+      {"a MATCHES 'x{0'", 10, "a malformed repetition {...} at byte 3"},
+      {"a MATCHES[d] '[z-\u00e1]'", 13, "a malformed set [...] at byte"},
+      {"a MATCHES %@ OR a MATCHES %@",
+       26,
+       "longer than 65536 bytes together",
+       {repeated(32768, "a"), repeated(32769, "a")}},
+      {"a MATCHES %@", 10, "more than 1000 groups", {repeated(1001, "()")}},
       {"a MATCHES %@", 10, "the regular expression cannot be used", {"(("}},
       {"a == CAST(b, 'NSDate')", 10, "needs a number"},
+      {"a == CAST(1 + b, 'NSDate')", 10, "it takes no key"},
+      {"a == CAST(1 / 0, 'NSDate')", 10, "needs a number"},
+      {"a == 0" + repeated(201, " + 1"), 803, "the expression is too long"},
       {"a == CAST('1', 'NSDate')", 10, "needs a number"},
       {"a == CAST(1, 'NSNumber')", 13, "not supported"},
       {"a == CAST(1e999, 'NSDate')", 10, "without a moment"},
@@ -105,6 +114,12 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"a == %@", 5, "without a moment", {Array{Date{std::nan("")}}}},
       {std::string("a == \0 1", 8), 5, "no meaning"},
       {"a == \xFF\xFE", 5, "malformed UTF-8"},
+      {"a\u00a0== 1", 1, "no meaning"},
+      {"n == \u201cx\u201d", 5, "no meaning"},
+      {"a\u200b == 1", 1, "no meaning"},
+      {"$\u20ac == 1", 0, "without a name"},
+      {"a == 1\u00e9", 5, "runs into a word"},
+      {"a\xC3 == 1", 1, "malformed UTF-8"},
   };
   for (const Case& each : cases) {
     ErrorPtr error;
@@ -117,6 +132,17 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
     EXPECT_NE(text.find(each.reason), std::string::npos) << text;
     EXPECT_TRUE(isValidUTF8(text)) << text;
   }
+}
+
+TEST(PredicateParser, TakesAListInBracesForOneArgument) {
+  const Array classes = {"a", "b"};
+  const auto printed = [](const PredicatePtr& predicate) {
+    return predicate != nullptr ? predicate->predicateFormat() : "none";
+  };
+  EXPECT_EQ(printed(Predicate::withFormat("s IN %@", {classes})), "s IN {\"a\", \"b\"}");
+  EXPECT_EQ(printed(Predicate::withFormat("%K IN %@", {"s", classes})), "s IN {\"a\", \"b\"}");
+  EXPECT_EQ(printed(Predicate::withFormat("s == %@ OR s == %@", classes)), "s == \"a\" OR s == \"b\"");
+  EXPECT_EQ(printed(Predicate::withFormat("s == %@", {})), "none");
 }
 
 TEST(PredicateParser, ClearsTheErrorOnSuccess) {
@@ -147,6 +173,22 @@ TEST(PredicateParser, RefusesNestingPastItsLimit) {
   for (int i = 0; i < 200; ++i)
     list = Array{list};
   EXPECT_EQ(Predicate::withFormat("a IN %@", {list}), nullptr);
+}
+
+TEST(PredicateParser, RefusesMorePartsThanItsLimit) {
+  const std::size_t most = 1'000'000;
+  const std::vector<std::pair<std::string, std::size_t>> cases = {
+      {"a IN {" + repeated(most, "1,") + "1}", 6 + 2 * (most - 4)},
+      {repeated(most, "1=1 OR ") + "a == 1", 7 * (most / 3) + 1},
+      {repeated(most, "a.") + "a == 1", 2 * (most - 1)},
+  };
+  for (const auto& [format, position] : cases) {
+    ErrorPtr error;
+    EXPECT_EQ(Predicate::withFormat(format, {}, &error), nullptr);
+    EXPECT_NE(message(error).find("position " + std::to_string(position) + ": the predicate has more than"),
+              std::string::npos)
+        << message(error);
+  }
 }
 
 TEST(PredicateParser, ReadsWhatItPrintsAtTheDeepestLevelThatItAccepts) {
@@ -206,6 +248,7 @@ TEST(PredicateParser, HasNoLimitOnWidthOrOnBuiltDepth) {
     EXPECT_TRUE(*Predicate::withFormat(list->predicateFormat()) == *list);
   }
   EXPECT_NE(Predicate::withFormat(repeated(many, "a.") + "a == 1"), nullptr);
+  EXPECT_NE(Predicate::withFormat("a IN %@", {Array(2'000'000, 1)}), nullptr);
 
   const auto build = [many](int value) {
     PredicatePtr deep = Predicate::comparison(Expression::keyPath("a"), Predicate::Operator::equal,

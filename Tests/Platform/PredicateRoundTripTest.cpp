@@ -132,6 +132,27 @@ TEST(PredicateRoundTrip, ReadsEveryGeneratedTreeBackFromItsText) {
   }
 }
 
+TEST(PredicateRoundTrip, KeepsRealsWhereArithmeticTellsThemFromIntegers) {
+  const std::vector<std::pair<const char*, bool>> cases = {
+      {"SUBQUERY({2.0}, $x, 3 / $x == 1.5).@count == 1", true},
+      {"SUBQUERY({2}, $x, 3 / $x == 1.5).@count == 1", false},
+      {"SUBQUERY(SUBQUERY({{2.0}}[0], $y, TRUEPREDICATE), $x, 3 / $x == 1.5).@count == 1", true},
+      {"SUBQUERY({-0.0}, $x, 1 / $x < 0).@count == 1", true},
+  };
+  for (const auto& [format, expected] : cases) {
+    const PredicatePtr predicate = Predicate::withFormat(format);
+    ASSERT_NE(predicate, nullptr) << test::printed(format);
+    EXPECT_EQ(predicate->predicateFormat(), format);
+    EXPECT_EQ(predicate->evaluate(test::EmptySubject()), expected) << format;
+  }
+  // A tree whose text would be without end is equal to itself all the same.
+  ExpressionPtr doubled = Expression::keyPath("a");
+  for (int level = 0; level < 100; ++level)
+    doubled = Expression::arithmetic(doubled, Expression::Operation::add, doubled);
+  EXPECT_TRUE(*doubled == *Expression::arithmetic(doubled->members()[0], Expression::Operation::add,
+                                                  doubled->members()[1]));
+}
+
 TEST(PredicateRoundTrip, TellsDifferentTreesApart) {
   const std::vector<const char*> texts = {
       "a == 1",
@@ -169,6 +190,10 @@ TEST(PredicateRoundTrip, TellsDifferentTreesApart) {
       "SUBQUERY(a, $x, b == 1) == 1",
       "SUBQUERY(a, $x, b == 2) == 1",
       "SUBQUERY(a, $y, b == 1) == 1",
+      "SUBQUERY({2}, $x, 3 / $x == 1.5).@count == 1",
+      "SUBQUERY({2.0}, $x, 3 / $x == 1.5).@count == 1",
+      "{{2}, a}[0][0] / 4 == 1",
+      "{{2.0}, a}[0][0] / 4 == 1",
       "a == 1 AND b == 1",
       "a == 1 OR b == 1",
       "b == 1 AND a == 1",
@@ -183,6 +208,7 @@ TEST(PredicateRoundTrip, TellsDifferentTreesApart) {
     }
   }
   EXPECT_TRUE(*Predicate::withFormat("a == TRUE") == *Predicate::withFormat("a == 1.0"));
+  EXPECT_TRUE(*Predicate::withFormat("{a, b}[2.0] + 1 == 2") == *Predicate::withFormat("{a, b}[2] + 1 == 2"));
 }
 
 }  // namespace

@@ -45,8 +45,9 @@ class QX_EXPORT Expression {
   enum class Operation { add, subtract, multiply, divide, power, negate };
   enum class Element { at, first, last, size };
 
-  /// Expressions nest no deeper than this, those inside a subquery's predicate counted with it; what would
-  /// is made the constant nil instead. The parser refuses such text.
+  /// Built expressions nest no deeper than this, those inside a subquery's predicate counted with it; what
+  /// would is made the constant nil instead. The parser refuses text already past 200 levels, so that a
+  /// built expression between the two is printed but not read back.
   static constexpr int kDeepest = 400;
 
   static ExpressionPtr constant(Value value);
@@ -83,6 +84,8 @@ class QX_EXPORT Expression {
   /// Levels of expressions in it, 1 for a constant or a key.
   int depth() const { return depth_; }
 
+  /// Its value on `subject`; nil when that takes more steps than one comparison may. See
+  /// Predicate::evaluate().
   Value evaluate(const PredicateSubject& subject) const;
   /// As the language prints it.
   std::string format() const;

@@ -80,7 +80,8 @@ PersistentStorePtr PersistentStoreCoordinator::migratePersistentStore(const Pers
 bool PersistentStoreCoordinator::mayBeOfEarlierVersion(const StoreMetadata& metadata) const {
   if (model_->isCompatibleWith(metadata)) return false;
   ErrorPtr problem;
-  return earlierVersion(*model_, versions_, metadata, "", &problem) != nullptr || isPassingFailure(*problem);
+  return earlierVersion(*model_, versions_, metadata, "", &problem) != nullptr ||
+         (problem && isPassingFailure(*problem));
 }
 
 std::vector<PersistentStorePtr> PersistentStoreCoordinator::persistentStores() const {

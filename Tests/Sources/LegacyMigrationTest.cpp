@@ -161,6 +161,9 @@ int failuresForWantOfDescriptors(const std::function<bool()>& open, const std::f
 }
 
 TEST_F(LegacyMigration, KeepsTheRecordsWhenTheProcessHasNoDescriptorLeft) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer looks at memory through pipes, which need descriptors";
+#endif
   fs::create_directories(legacyDirectory());
   makeOldStore(firstModel(), legacy(), 5);
   writeFile(under("/Users/Shared/QX"), "in the way until the accessor is up");

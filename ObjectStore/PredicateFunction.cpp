@@ -107,7 +107,9 @@ void callCondition(sqlite3_context* context, int count, sqlite3_value** argument
   const void* bound = count > 0 ? sqlite3_value_pointer(arguments[0], RowCondition::kPointerType) : nullptr;
   if (bound == nullptr) return sqlite3_result_error(context, "there is no condition", -1);
   try {
+    detail::wasMatchGivenUp();  // by somebody else
     const bool holds = static_cast<const RowCondition*>(bound)->holds(arguments + 1);
+    if (detail::wasMatchGivenUp()) return sqlite3_result_error(context, RowCondition::kUndecided, -1);
     sqlite3_result_int(context, holds ? 1 : 0);
   } catch (const std::exception&) {
     sqlite3_result_error_nomem(context);

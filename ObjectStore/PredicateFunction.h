@@ -23,6 +23,9 @@ class RowCondition {
   static constexpr const char* kFunction = "qx_matches";
   static constexpr const char* kPointerType = "qx.RowCondition";
 
+  /// The error of a query that asks for what cannot be decided in bounded time.
+  static constexpr const char* kUndecided = "a regular expression takes too long on one of its values";
+
   /// A key of the predicate, and what its column holds.
   struct Key {
     std::vector<std::string> path;

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ObjectStore/PredicateFunction.h"
+
 namespace qx {
 
 namespace {
@@ -48,6 +50,7 @@ ErrorPtr storeError(int code, int system, StoreOperation operation, const std::s
     case SQLITE_NOTADB:
       return storeError(kStoreCorrupt, path, words);
     case SQLITE_ERROR:  // our statements are right: what they speak of is not there
+      if (words == RowCondition::kUndecided) return storeError(kStoreUnusable, path, words);
       if (words.starts_with("no such ")) return storeError(kStoreCorrupt, path, words);
       return Error::make(kSQLiteErrorDomain, code, details(path, words, nullptr));
     case SQLITE_CANTOPEN:

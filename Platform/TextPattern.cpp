@@ -20,6 +20,14 @@ namespace qx::detail {
 
 namespace {
 
+thread_local bool givenUp = false;
+
+/// What a match that was given up gives.
+bool giveUp() {
+  givenUp = true;
+  return false;
+}
+
 using Operator = Predicate::Operator;
 using Options = Predicate::Options;
 
@@ -284,13 +292,14 @@ class RegularExpression : public TextPattern {
   }
 
   bool matches(std::string_view subject, std::size_t* steps) const override {
-    if (pattern_ == nullptr || subject.size() > kLongestText) return false;
+    if (pattern_ == nullptr) return false;
+    if (subject.size() > kLongestText) return giveUp();
     const icu::UnicodeString text = normalized(subject);
     const std::int64_t unit = kStepsPerUnit * duration_.nanoseconds(subject.size());
     charge(steps, static_cast<std::size_t>(unit) / kUnitsOfShortMatch / kNanosecondsPerStep +
                       subject.size() / 4 + stepsToFold(subject, options_));
     const std::int64_t longer = kLongerPerCharacter * text.length();
-    if (unit > kLongestUnit + longer) return false;
+    if (unit > kLongestUnit + longer) return giveUp();
     const std::int64_t units = std::max<std::int64_t>(1, (kLongest + longer) / unit);
     std::int32_t taken = 0;
     const bool found = run(text, static_cast<std::int32_t>(units), taken);
@@ -340,6 +349,7 @@ class RegularExpression : public TextPattern {
     matcher->setStackLimit(std::min(text.length(), kCharactersOnStack) * kBytesPerCharacter + kStackBytes,
                            status);
     const bool found = static_cast<bool>(matcher->matches(status));
+    if (status == U_REGEX_TIME_OUT || status == U_REGEX_STACK_OVERFLOW) return giveUp();
     return found && U_SUCCESS(status);
   }
 
@@ -356,6 +366,10 @@ class RegularExpression : public TextPattern {
 };
 
 }  // namespace
+
+bool wasMatchGivenUp() {
+  return std::exchange(givenUp, false);
+}
 
 std::string foldedText(std::string_view text, Predicate::Options options) {
   std::string storage;

@@ -36,6 +36,9 @@ class TextPattern {
   std::string problem_;
 };
 
+/// Whether a match of this thread was given up for its time since this was last asked.
+bool wasMatchGivenUp();
+
 /// The steps of EvaluationBudget that making a pattern of so many bytes takes.
 std::size_t stepsToMake(Predicate::Operator op, std::size_t bytes);
 /// Those that folding a text takes.

@@ -88,6 +88,9 @@ TEST_F(QueryTest, RewritesPlaceholdersInPredicates) {
       EXPECT_EQ(error, nullptr) << predicate->predicateFormat();
     }
   }
+  added(makeEvent("evil", kSpecialClass, makeSource(std::string(60, 'a'))));
+  EXPECT_EQ(identifiers(where("%K MATCHES '(a+)+b'", {source})), Texts{"refused"}) << "it never ends";
+  EXPECT_EQ(identifiers(where("%K MATCHES 'a+'", {source})), Texts{"evil"});
   EXPECT_EQ(coordinator().eventsFromSource("S1", std::nullopt), Texts{"solved"});
   EXPECT_EQ(coordinator().eventsFromSource(std::nullopt, kUnknownClass), Texts{"open"});
   EXPECT_EQ(coordinator().eventsFromSource("S1", kUnknownClass), Texts());

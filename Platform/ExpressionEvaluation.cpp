@@ -324,7 +324,7 @@ Value Expression::evaluate(const PredicateSubject& subject) const {
   detail::EvaluationBudget budget;
   Value storage;
   const Value& value = detail::resolve(*this, {subject, &budget}, storage);
-  if (&value == &storage) return storage;
+  if (budget.isSpent()) return {};
   return value;
 }
 

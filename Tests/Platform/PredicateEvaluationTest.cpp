@@ -426,6 +426,7 @@ TEST(PredicateEvaluation, EndsWhateverTheSubqueries) {
         Operator::notEqual, c(9));
   }
   EXPECT_FALSE(wide->evaluate(subject));
+  EXPECT_TRUE(Expression::subquery(k("list"), "x", wide)->evaluate(subject).isNull());
   EXPECT_FALSE(Predicate::comparison(Expression::subquery(k("list"), "x", growing), Operator::equal, c(1))
                    ->evaluate(subject));
   ExpressionPtr deep = k("list");

@@ -73,7 +73,7 @@ class QX_EXPORT Predicate {
 
   /// Parses `format`; `arguments` stand, left to right, for its %K (a key path), %@ (any value, an array
   /// for a list), %d %i %u %ld %lu %lld %llu %x (integers), %f (a number) and %s (a string). Arguments left
-  /// over are ignored.
+  /// over are ignored; data and dictionaries are taken, although they have no text form.
   ///
   /// Null, and nothing thrown (but for memory), for: malformed text; too few arguments, or one of the wrong
   /// kind, an empty key path, not-a-number or a date without a moment; BETWEEN without a list of two and IN

@@ -60,8 +60,8 @@ int changeBlock(bool block, const Options& options) {
   return kFailed;
 }
 
-void addChange(CLI::App& app, Context& context, const std::string& name, const std::string& help,
-               bool block) {
+void addBlockChange(CLI::App& app, Context& context, const std::string& name, const std::string& help,
+                    bool block) {
   const auto options = std::make_shared<Options>();
   auto& command = *app.add_subcommand(name, help);
   addText(command, "--class", options->classID, "Class ID; every class when it is left out");
@@ -97,9 +97,9 @@ int runBlocks(Context& context) {
 }  // namespace
 
 void addBlockCommands(CLI::App& app, Context& context) {
-  addChange(app, context, "block",
-            "Silences a class, a source, or a class of one source: its events are not listed.", true);
-  addChange(app, context, "unblock", "Lifts the block of exactly that pair.", false);
+  addBlockChange(app, context, "block",
+                 "Silences a class, a source, or a class of one source: its events are not listed.", true);
+  addBlockChange(app, context, "unblock", "Lifts the block of exactly that pair.", false);
   auto& blocks = *app.add_subcommand("blocks", "Prints what is blocked.");
   blocks.callback([&context] { context.command = [&context] { return runBlocks(context); }; });
 }

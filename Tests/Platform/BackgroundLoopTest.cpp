@@ -215,6 +215,7 @@ TEST(ConcurrentBackgroundLoop, LeavesAloneWhatHasTakenTheNumbersOfItsDescriptors
 
 // Not under the thread sanitizer, which has no threads in the child of a process with threads.
 TEST(ForkedBackgroundLoop, BeginsEmptyWhateverOthersDoMeanwhile) {
+  if (!kMayForkAnyTime) GTEST_SKIP();
   BackgroundLoop& loop = BackgroundLoop::shared();
   const TemporaryDirectory directory;
   const std::string file = directory.write("file");

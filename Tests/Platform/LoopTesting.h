@@ -10,8 +10,10 @@ namespace qx::test {
 
 #ifdef __SANITIZE_ADDRESS__
 inline constexpr bool kMayLackDescriptors = false;  // this sanitizer opens pipes to see what is memory
+inline constexpr bool kMayForkAnyTime = false;      // its allocator may be locked by another thread, for good
 #else
 inline constexpr bool kMayLackDescriptors = true;
+inline constexpr bool kMayForkAnyTime = true;
 #endif
 
 /// Something that one thread waits for and another brings about.

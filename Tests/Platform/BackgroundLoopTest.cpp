@@ -29,6 +29,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using test::ChildProcess;
+using test::kMayForkAnyTime;
 using test::kMayLackDescriptors;
 using test::runsTasks;
 using test::Signal;

@@ -21,6 +21,11 @@ ErrorPtr noEntity(std::string_view name) {
                      "The model has no entity \"" + std::string(name) + "\".");
 }
 
+bool isOpen(const std::shared_ptr<SQLiteStore>& store, ErrorPtr* error) {
+  if (!store) setError(error, noStore());
+  return store != nullptr;
+}
+
 /// Nothing, with an error, when the model does not have it.
 std::optional<std::size_t> attributeOf(const EntityDescription* entity, std::string_view entityName,
                                        std::string_view name, ErrorPtr* error) {
@@ -268,11 +273,7 @@ std::optional<ManagedObjects> ManagedObjectContext::fetchLargest(std::string_vie
   const EntityDescription* entity = coordinator_->model()->entity(name);
   const auto store = useStore();
   const auto property = attributeOf(entity, name, attribute, error);
-  if (!property) return std::nullopt;
-  if (!store) {
-    setError(error, noStore());
-    return std::nullopt;
-  }
+  if (!property || !isOpen(store, error)) return std::nullopt;
   if (!registry_->changes(*entity).empty()) {
     auto objects = fetch(name, predicate, error);
     if (objects) keepLargest(*objects, *property, most);
@@ -292,11 +293,7 @@ std::optional<std::vector<std::string>> ManagedObjectContext::distinctStrings(st
   const EntityDescription* entity = coordinator_->model()->entity(name);
   const auto store = useStore();
   const auto property = attributeOf(entity, name, attribute, error);
-  if (!property) return std::nullopt;
-  if (!store) {
-    setError(error, noStore());
-    return std::nullopt;
-  }
+  if (!property || !isOpen(store, error)) return std::nullopt;
   if (registry_->changes(*entity).empty())
     return store->distinctStrings(*entity, *property, predicate.get(), error);
   const auto objects = fetch(name, predicate, error);

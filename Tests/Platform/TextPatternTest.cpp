@@ -100,14 +100,15 @@ TEST(TextPattern, FindsPartsAndNeverAnEmptyOne) {
   }
 }
 
+struct WholeTextCase {
+  const char* subject;
+  const char* pattern;
+  bool expected;
+  const char* letters = "";
+};
+
 TEST(TextPattern, MatchesWildcardsAgainstTheWholeText) {
-  struct Case {
-    const char* subject;
-    const char* pattern;
-    bool expected;
-    const char* letters = "";
-  };
-  const std::vector<Case> cases = {
+  const std::vector<WholeTextCase> cases = {
       {"", "", true},
       {"", "*", true},
       {"", "?", false},
@@ -149,7 +150,7 @@ TEST(TextPattern, MatchesWildcardsAgainstTheWholeText) {
       {"e\u0301", "?", true, "c"},
       {"e\u0301", "?", false},
   };
-  for (const Case& each : cases)
+  for (const WholeTextCase& each : cases)
     EXPECT_EQ(matches(each.subject, Operator::like, each.pattern, each.letters), each.expected)
         << each.subject << " LIKE[" << each.letters << "] " << each.pattern;
 }
@@ -182,13 +183,7 @@ TEST(TextPattern, MatchesRandomWildcardsByTheirDefinition) {
 }
 
 TEST(TextPattern, MatchesExpressionsAgainstTheWholeText) {
-  struct Case {
-    const char* subject;
-    const char* pattern;
-    bool expected;
-    const char* letters = "";
-  };
-  const std::vector<Case> cases = {
+  const std::vector<WholeTextCase> cases = {
       {"abc", "a.c", true},
       {"abcd", "a.c", false},
       {"ab", "a|ab", true},
@@ -209,7 +204,7 @@ TEST(TextPattern, MatchesExpressionsAgainstTheWholeText) {
       {"*", "*", false},
       {"\xFF", ".", true},
   };
-  for (const Case& each : cases)
+  for (const WholeTextCase& each : cases)
     EXPECT_EQ(matches(each.subject, Operator::matches, each.pattern, each.letters), each.expected)
         << each.subject << " MATCHES[" << each.letters << "] " << each.pattern;
   EXPECT_EQ(problem("a[b]+"), "");

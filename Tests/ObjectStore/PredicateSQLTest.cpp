@@ -1,8 +1,8 @@
 #include "ObjectStore/PredicateSQL.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <random>
 
@@ -85,9 +85,9 @@ TEST_F(PredicateSQLTest, NamesWhatTheEntityDoesNotHave) {
   std::vector<PredicatePtr> many;
   for (int i = 0; i < 100'000; ++i)
     many.push_back(Predicate::comparison(k("unknown" + std::to_string(i)), Operator::like, c("*")));
-  const auto start = std::chrono::steady_clock::now();
+  const auto spentBefore = std::clock();
   EXPECT_LT(compiled(Predicate::negation(Predicate::disjunction(std::move(many)))).size(), 1000U);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  EXPECT_LT(std::clock() - spentBefore, 10 * CLOCKS_PER_SEC);
 }
 
 template <class T>

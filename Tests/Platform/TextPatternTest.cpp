@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <random>
 #include <string>
 #include <vector>
@@ -230,11 +230,10 @@ TEST(TextPattern, TakesNoLongTimeForOneText) {
   for (const Case& each : cases) {
     const auto pattern = TextPattern::make(Operator::matches, each.pattern, optionsOf(each.letters));
     EXPECT_EQ(pattern->problem(), "");
-    const auto start = std::chrono::steady_clock::now();
+    const auto spentBefore = std::clock();
     std::size_t steps = 0;
     EXPECT_FALSE(pattern->matches(each.subject, &steps));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500))  // without load: 50
-        << each.pattern.substr(0, 20);
+    EXPECT_LT(std::clock() - spentBefore, CLOCKS_PER_SEC) << each.pattern.substr(0, 20);
     EXPECT_GT(steps, 3000U) << each.pattern.substr(0, 20);
   }
 }
@@ -244,7 +243,7 @@ TEST(TextPattern, IsBoundedWhateverTheTextAndThePattern) {
   const std::string longText = repeated(many, "a");
   const std::string longUmlauts = repeated(many / 2, "ä");
   const std::string marks = "e" + repeated(many / 4, "\u0301\u0316");
-  const auto start = std::chrono::steady_clock::now();
+  const auto spentBefore = std::clock();
   EXPECT_FALSE(matches(longText, Operator::like, repeated(1000, "a*") + "b"));
   EXPECT_FALSE(matches(longText, Operator::like, "*" + repeated(many / 2, "a") + "?b*"));
   EXPECT_FALSE(matches(longUmlauts, Operator::like, "*" + repeated(many / 4, "ä") + "b*"));
@@ -263,7 +262,7 @@ TEST(TextPattern, IsBoundedWhateverTheTextAndThePattern) {
   EXPECT_TRUE(matches("a", Operator::matches, repeated(10000, "a*")));
   EXPECT_EQ(problem(repeated(many, "(")), "it is longer than 32768 bytes");
   EXPECT_NE(problem(repeated(10000, "(")), "");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+  EXPECT_LT(std::clock() - spentBefore, 60 * CLOCKS_PER_SEC);
 }
 
 }  // namespace

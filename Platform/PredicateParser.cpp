@@ -130,7 +130,13 @@ bool PredicateParser::expect(Word word, std::string_view spelling) {
 
 bool PredicateParser::needPredicate(const Operand& operand) {
   if (operand.predicate != nullptr) return true;
-  if (operand.expression != nullptr) unexpected("a comparison operator");
+  if (operand.expression == nullptr) return false;
+  if (at(Word::negation)) {
+    fail(token_.position,
+         "expected a comparison operator; NOT is written before the comparison: NOT key IN {...}");
+  } else {
+    unexpected("a comparison operator");
+  }
   return false;
 }
 

@@ -66,6 +66,7 @@ TEST(PredicateParser, RefusesMalformedTextWithItsPositionAndReason) {
       {"ANY (a == 1)", 4, "found a predicate"},
       {"ANY ALL a == 1", 4, "reserved word \"ALL\""},
       {"a == ANY b", 5, "reserved word \"ANY\""},
+      {"a NOT IN {1}", 2, "NOT is written before the comparison"},
       {"a == 1 +", 8, "the text ends"},
       {"a + (b == 1) == 2", 4, "found a predicate"},
       {"(a == 1) + 2 == 3", 9, "found \"+\""},

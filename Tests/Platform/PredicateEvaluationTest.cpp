@@ -1,9 +1,9 @@
 #include <QXEventStoring/Platform/Predicate.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <ctime>
 #include <limits>
 #include <string>
 #include <vector>
@@ -400,10 +400,9 @@ TEST(PredicateEvaluation, EndsSoonWhateverIsDoneForEachMember) {
   for (const char* format : formats) {
     const PredicatePtr predicate = Predicate::withFormat(format, {hostile});
     ASSERT_NE(predicate, nullptr) << format;
-    const auto start = std::chrono::steady_clock::now();
+    const auto spentBefore = std::clock();
     EXPECT_EQ(predicate->evaluate(subject), std::string_view(format).starts_with("ANY")) << format;
-    const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
-    EXPECT_LT(taken.count(), 1000) << format;  // without load: 50
+    EXPECT_LT(std::clock() - spentBefore, 5 * CLOCKS_PER_SEC) << format;
   }
   // What is done once is never too much.
   const PredicatePtr wide = Predicate::comparison(c(-1), Operator::in, c(Array(3'000'000, -1.0)));

@@ -357,6 +357,7 @@ TEST(DirectoryLock, KeepsProcessesApart) {
     return 0;
   };
   std::vector<std::unique_ptr<ChildProcess>> children;
+  children.reserve(kProcesses);
   for (int child = 0; child < kProcesses; ++child)
     children.push_back(std::make_unique<ChildProcess>(work));
   for (const auto& child : children)

@@ -286,7 +286,9 @@ TEST(PredicateEvaluation, FollowsKeysThroughCollections) {
                                    {"dates", Array{Date{2}, nullptr, Date{1}}},
                                    {"text", "abc"},
                                    {"n", 1}});
-  const auto at = [](ExpressionPtr base, Value index) { return Expression::element(base, c(index)); };
+  const auto at = [](const ExpressionPtr& base, const Value& index) {
+    return Expression::element(base, c(index));
+  };
   const std::vector<std::pair<ExpressionPtr, Value>> cases = {
       {k("teams.name"), Array{"a", "b", "c"}},
       {k("league.teams.points"), Array{3, 4.5, nullptr}},
